@@ -1,0 +1,17 @@
+// dbg_int.h - the library's single path to the system log, and the debug
+// services. Every diagnostic of the library goes through KsplLog/KsplLogV.
+#pragma once
+#include <cstdarg>
+
+#include "../kspl_internal.h"
+
+void KsplLog(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void KsplLogV(int priority, const char* format, va_list args);
+
+// Test hook: when set, every message is also handed, formatted, to the hook
+// (whatever the system log mask says). Not exported from kspl.so.
+using KsplLogHook = void (*)(int priority, const char* text);
+void KsplSetLogHook(KsplLogHook hook);
+
+void KsoDebugBreakPoint(IKspl* pThis);
+void KsoDebugPrintf(IKspl* pThis, PCHAR pFormatStr, ...);

@@ -1,0 +1,29 @@
+// instance_int.h - IKspl instances, their class factory and the registry.
+#pragma once
+#include "../kspl_internal.h"
+
+// The static class-factory record shared by both class factories.
+struct CFInstance {
+    const ORLM_IClassFactoryVtbl* lpVtbl;
+    UINT32 cReference;
+    UINT32 cLock;
+};
+
+extern CFInstance IKsplClassFactory;
+extern const IKsplVtbl vtKspl;
+
+KSSTATUS KsplQueryInterface(IKspl* pThis, const GUID* pIId, void** ppInterface);
+UINT32 KsplAddReference(IKspl* pThis);
+UINT32 KsplReleaseReference(IKspl* pThis);
+KSSTATUS KsoRegisterModuleName(IKspl* pThis, PCHAR pModuleName);
+
+KSSTATUS KsplFactoryQueryInterface(void* This, const GUID* pIId, void** ppInterface);
+UINT32 KsplFactoryAddReference(void* This);
+UINT32 KsplFactoryReleaseReference(void* This);
+UINT32 KsplFactoryCreateInstance(void* This, PORLM_IUnknown pUnkOuter, const GUID* pIId,
+                                 void** ppInterface);
+UINT32 KsplFactoryLockServer(void* This, BOOLEAN fLock);
+
+inline bool KsGuidEqual(const GUID* a, const GUID* b) {
+    return a != nullptr && b != nullptr && __builtin_memcmp(a, b, sizeof(GUID)) == 0;
+}

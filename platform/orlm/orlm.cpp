@@ -1,0 +1,191 @@
+// orlm.cpp - the component runtime: status builder, component loading and
+// instance creation by class id.
+//
+// Lock order: g_registryMutex is a leaf lock. It is never held while a
+// component's code runs (DllStart, DllGetClassObject, factories, DllStop),
+// because components call back into the runtime from those.
+#include <dlfcn.h>
+#include <syslog.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "kspl_guids.h"
+#include "orlm.h"
+#include "orlm_internal.h"
+
+namespace {
+
+constexpr char kUnit[] = "orlm";
+
+struct Component {
+    std::string path;
+    void* handle;
+    ORLM_DLLSTOP stop;
+    ORLM_DLLGETCLASSOBJECT getClassObject;
+    std::vector<GUID> classes;
+};
+
+std::mutex g_registryMutex;  // guards g_components
+std::vector<Component> g_components;
+std::once_flag g_envOnce;
+
+std::atomic<ORLM_STATUS_OBSERVER> g_observer{nullptr};
+std::atomic<void*> g_observerContext{nullptr};
+
+bool GuidEqual(const GUID* a, const GUID* b) { return std::memcmp(a, b, sizeof(GUID)) == 0; }
+
+KSSTATUS Fail(unsigned code, int line, const char* function) {
+    return KsStatusBuild_log(3, ORLM_FACILITY, static_cast<int>(code), const_cast<char*>(kUnit),
+                             line, const_cast<char*>(function));
+}
+#define ORLM_FAIL(code) Fail((code), __LINE__, __func__)
+
+}  // namespace
+
+extern "C" {
+
+KSSTATUS KsStatusBuild_log(int severity, int facility, int code, char* pFile, int line,
+                           char* pFunction) {
+    KSSTATUS status = (static_cast<UINT32>(severity) << 30) |
+                      (static_cast<UINT32>(facility) << 16) | (static_cast<UINT32>(code) & 0xFFFFu);
+    syslog(LOG_USER | LOG_DEBUG, "status %08X built in %s at %s:%d", status,
+           pFunction != nullptr ? pFunction : "?", pFile != nullptr ? pFile : "?", line);
+    ORLM_STATUS_OBSERVER observer = g_observer.load(std::memory_order_acquire);
+    if (observer != nullptr) {
+        observer(g_observerContext.load(std::memory_order_acquire), status, pFile, line, pFunction);
+    }
+    return status;
+}
+
+void KsStatusSetObserver(ORLM_STATUS_OBSERVER pObserver, void* pContext) {
+    g_observerContext.store(pContext, std::memory_order_release);
+    g_observer.store(pObserver, std::memory_order_release);
+}
+
+KSSTATUS OrlmLoadComponent(const char* pPath) {
+    if (pPath == nullptr || *pPath == '\0') return ORLM_FAIL(ORLM_E_INVALIDARG);
+    {
+        std::lock_guard<std::mutex> guard(g_registryMutex);
+        for (const Component& c : g_components) {
+            if (c.path == pPath) return 0;
+        }
+    }
+    void* handle = dlopen(pPath, RTLD_NOW | RTLD_LOCAL);
+    if (handle == nullptr) {
+        const char* why = dlerror();
+        syslog(LOG_USER | LOG_ERR, "orlm: cannot load %s: %s", pPath, why != nullptr ? why : "?");
+        return ORLM_FAIL(ORLM_E_LOAD_FAILED);
+    }
+    auto start = reinterpret_cast<ORLM_DLLSTART>(dlsym(handle, "DllStart"));
+    auto stop = reinterpret_cast<ORLM_DLLSTOP>(dlsym(handle, "DllStop"));
+    auto getClassObject = reinterpret_cast<ORLM_DLLGETCLASSOBJECT>(dlsym(handle, "DllGetClassObject"));
+    auto table = static_cast<const GUID* const*>(dlsym(handle, "ZLCOM_Table"));
+    const char* missing = start == nullptr            ? "DllStart"
+                          : stop == nullptr           ? "DllStop"
+                          : getClassObject == nullptr ? "DllGetClassObject"
+                          : table == nullptr          ? "ZLCOM_Table"
+                                                      : nullptr;
+    if (missing != nullptr) {
+        syslog(LOG_USER | LOG_ERR, "orlm: cannot load %s: no entry point %s", pPath, missing);
+        dlclose(handle);
+        return ORLM_FAIL(ORLM_E_NO_ENTRY);
+    }
+    KSSTATUS started = start();
+    if (KS_IS_ERROR(started)) {
+        syslog(LOG_USER | LOG_ERR, "orlm: cannot load %s: DllStart failed %08X", pPath, started);
+        dlclose(handle);
+        return ORLM_FAIL(ORLM_E_START_FAILED);
+    }
+    Component component{pPath, handle, stop, getClassObject, {}};
+    for (const GUID* const* p = table; *p != nullptr; ++p) component.classes.push_back(**p);
+
+    std::lock_guard<std::mutex> guard(g_registryMutex);
+    for (const Component& c : g_components) {
+        if (c.path == pPath) {
+            // Another thread loaded the same path meanwhile; dlopen counted
+            // our reference, so dropping it keeps the library loaded once.
+            dlclose(handle);
+            return 0;
+        }
+    }
+    g_components.push_back(std::move(component));
+    return 0;
+}
+
+KSSTATUS OrlmLoadFromEnvironment(void) {
+    const char* list = std::getenv("ORLM_COMPONENTS");
+    if (list == nullptr) return 0;
+    KSSTATUS result = 0;
+    std::string all(list);
+    size_t begin = 0;
+    while (begin <= all.size()) {
+        size_t end = all.find(':', begin);
+        if (end == std::string::npos) end = all.size();
+        std::string path = all.substr(begin, end - begin);
+        if (!path.empty()) {
+            KSSTATUS status = OrlmLoadComponent(path.c_str());
+            if (status != 0 && result == 0) result = status;
+        }
+        begin = end + 1;
+    }
+    return result;
+}
+
+KSSTATUS OrlmCreateInstance(const GUID* pClsid, PORLM_IUnknown pUnkOuter, const GUID* pIId,
+                            void** ppInterface) {
+    if (ppInterface == nullptr || pClsid == nullptr || pIId == nullptr) {
+        return ORLM_FAIL(ORLM_E_INVALIDARG);
+    }
+    *ppInterface = nullptr;
+    if (OrlmIsSecurityAttributeManagerClass(pClsid)) {
+        return OrlmCreateSecurityAttributeManager(pUnkOuter, pIId, ppInterface);
+    }
+    std::call_once(g_envOnce, [] { OrlmLoadFromEnvironment(); });
+
+    ORLM_DLLGETCLASSOBJECT getClassObject = nullptr;
+    {
+        std::lock_guard<std::mutex> guard(g_registryMutex);
+        for (const Component& c : g_components) {
+            for (const GUID& g : c.classes) {
+                if (GuidEqual(&g, pClsid)) {
+                    getClassObject = c.getClassObject;
+                    break;
+                }
+            }
+            if (getClassObject != nullptr) break;
+        }
+    }
+    if (getClassObject == nullptr) return ORLM_FAIL(ORLM_E_NOT_FOUND);
+
+    void* factoryPtr = nullptr;
+    GUID clsid = *pClsid;
+    GUID iidFactory = KSPL_GUID_IID_IClassFactory;
+    HRESULT hr = getClassObject(&clsid, &iidFactory, &factoryPtr);
+    if (hr != 0 || factoryPtr == nullptr) {
+        return ORLM_FAIL(static_cast<UINT32>(hr) == 0x80004002u ? ORLM_E_NOINTERFACE
+                                                                 : ORLM_E_NOT_FOUND);
+    }
+    auto* factory = static_cast<ORLM_IClassFactory*>(factoryPtr);
+    KSSTATUS status = factory->lpVtbl->CreateInstance(factory, pUnkOuter, pIId, ppInterface);
+    factory->lpVtbl->Release(factory);
+    return status;
+}
+
+void OrlmUnloadAll(void) {
+    std::vector<Component> components;
+    {
+        std::lock_guard<std::mutex> guard(g_registryMutex);
+        components.swap(g_components);
+    }
+    for (auto it = components.rbegin(); it != components.rend(); ++it) {
+        it->stop();
+        dlclose(it->handle);
+    }
+}
+
+}  // extern "C"
