@@ -22,6 +22,11 @@ extern "C" __attribute__((visibility("default"))) void TestComponentEvent(const 
 
 namespace {
 
+void ClearEvents() {
+    std::lock_guard<std::mutex> guard(g_eventsMutex);
+    g_events.clear();
+}
+
 std::vector<std::string> Events() {
     std::lock_guard<std::mutex> guard(g_eventsMutex);
     return g_events;
@@ -48,6 +53,7 @@ TEST(StatusBuilder, ComposesAndReportsEveryBuiltStatus) {
 }
 
 TEST(Runtime, LoadsStartsCreatesAndUnloadsInReverseOrder) {
+    ClearEvents();
     EXPECT_EQ(OrlmLoadComponent(COMPONENT_A), 0u);
     EXPECT_EQ(OrlmLoadComponent(COMPONENT_B), 0u);
     EXPECT_EQ(OrlmLoadComponent(COMPONENT_A), 0u) << "a second load is no second start";
@@ -80,6 +86,7 @@ TEST(Runtime, LoadsStartsCreatesAndUnloadsInReverseOrder) {
 }
 
 TEST(Runtime, LoadFailuresNameThePathAndTheReason) {
+    ClearEvents();
     StatusCapture statuses;
     EXPECT_EQ(OrlmLoadComponent("/nonexistent/lib.so"), KS_MAKE_STATUS(3, ORLM_FACILITY, ORLM_E_LOAD_FAILED));
     EXPECT_EQ(OrlmLoadComponent(COMPONENT_NOSTOP), KS_MAKE_STATUS(3, ORLM_FACILITY, ORLM_E_NO_ENTRY));
@@ -103,6 +110,7 @@ TEST(Runtime, EnvironmentListIsLoadedOnFirstUse) {
 }
 
 TEST(Runtime, ConcurrentLoadsAndCreationsStartEachComponentOnce) {
+    ClearEvents();
     std::vector<std::thread> threads;
     for (int t = 0; t < 8; ++t) {
         threads.emplace_back([t] {
