@@ -353,7 +353,7 @@ TEST_F(Events, DestroyRefusedWhileAnyoneWaits) {
 // and wait-any waiters competing, tokens are neither lost nor doubled.
 TEST_F(Events, CompetingWaitersConsumeEachSignalExactlyOnce) {
     constexpr int kEvents = 4;
-    constexpr int kSignals = 1500;
+    constexpr int kSignals = 3000;
     HANDLE events[kEvents];
     for (auto& e : events) e = New(KsoSynchronizationEvent);
 

@@ -141,6 +141,10 @@ TEST_F(Threads, SelfDestroyingThreadLeavesNoRecord) {
     ASSERT_TRUE(Eventually([&] {
         return Running() == before && KsAtomicLoad(&KsplInfo(k)->MemoryPagedInUse) == memoryBefore;
     }));
+    // The counter drops inside the release, under the instance's pool lock;
+    // pass through that lock so the thread is out of it before teardown
+    // destroys the instance.
+    { KsMutexGuard passThrough(&KsplInfo(k)->ProtectionMutex); }
     EXPECT_EQ(s.started.load(), 1);
     EXPECT_EQ(s.pastExit.load(), 0);
 }
