@@ -43,12 +43,15 @@ inline void StoreState(KSO_EVENT_HANDLE* e, UINT32 value) {
 }
 
 // Takes the event if it is set: a synchronization event is cleared (consumed)
-// by the taker, a notification event stays set.
+// by the taker, a notification event stays set. The consumption is an
+// exchange because a reset may clear the state concurrently without the
+// mutex: exactly one of the two takes a given signal.
 // REQUIRES: e->mutex is held.
 inline bool TakeIfSet(KSO_EVENT_HANDLE* e) {
+    // Only signals set the state, under the mutex: a clear state stays clear.
     if (LoadState(e) == 0) return false;
-    if (e->type == KsoSynchronizationEvent) StoreState(e, 0);
-    return true;
+    if (e->type == KsoNotificationEvent) return true;
+    return __atomic_exchange_n(&e->state, 0u, __ATOMIC_SEQ_CST) != 0;
 }
 
 void InitEventRecord(KSO_EVENT_HANDLE* e, UINT32 type) {
