@@ -325,6 +325,23 @@ KSSTATUS KsoWaitForMultipleEvents(IKspl* pThis, UINT32 Count, HANDLE* Handles, B
     if (Count == 1) return KsoWaitForSingleEvent(pThis, Handles[0], Timeout);
     if (Timeout < -1) return KSPL_STATUS(KSPL_CODE_INVALID_PARAM);
 
+    // Wait-any with an event already set needs no registration: take the
+    // first set one in array order. (A registering scan would find the same
+    // event, after allocating and freeing registrations for the ones before.)
+    if (!bWaitAll) {
+        for (UINT32 i = 0; i < Count; ++i) {
+            if (!KsplHandleIs(Handles[i], kSigEvent)) {
+                return KSPL_STATUS(KSPL_CODE_INVALID_HANDLE);
+            }
+            KSO_EVENT_HANDLE* e = AsEvent(Handles[i]);
+            pthread_mutex_lock(&e->mutex);
+            bool taken = TakeIfSet(e);
+            pthread_mutex_unlock(&e->mutex);
+            if (taken) return i;
+        }
+        if (Timeout == 0) return KSPL_STATUS(KSPL_CODE_FAILURE);
+    }
+
     // Cancellation strikes only while the call sleeps (SleepOnPrivate); a
     // cancellation anywhere else could leave registrations behind.
     int cancelState;
