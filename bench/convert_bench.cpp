@@ -16,7 +16,10 @@
 #include <benchmark/benchmark.h>
 #include <iconv.h>
 
+#include <time.h>
+
 #include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <string>
 #include <vector>
@@ -74,8 +77,44 @@ std::string NarrowOf(const std::vector<WCHAR>& wide, Page page) {
     return std::string(out.data(), len);
 }
 
-void SetThroughput(benchmark::State& state, size_t chars) {
+// Throughput of each case, service and bulk baseline, from the thread's
+// CPU time over the measured loop; the last (longest) run of a case wins.
+struct Rates {
+    double kspl = 0;
+    double iconv = 0;
+};
+std::map<std::string, Rates>& RateTable() {
+    static auto* table = new std::map<std::string, Rates>;
+    return *table;
+}
+
+double ThreadCpuSeconds() {
+    timespec ts;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
+void Finish(benchmark::State& state, const char* direction, bool service, Kind kind, Page page,
+            size_t chars, double cpuStart) {
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * chars));
+    const double seconds = ThreadCpuSeconds() - cpuStart;
+    if (seconds <= 0) return;
+    char name[96];
+    std::snprintf(name, sizeof(name), "%s/%s/%s/%zu", direction, PageName(page), KindName(kind),
+                  chars);
+    Rates& r = RateTable()[name];
+    (service ? r.kspl : r.iconv) = static_cast<double>(state.iterations() * chars) / seconds;
+}
+
+// Each service beside its bulk iconv baseline: MB/s of both and how many
+// times slower the service is.
+void PrintRatios() {
+    std::printf("\n%-40s %12s %12s %10s\n", "case", "kspl MB/s", "iconv MB/s", "slowdown");
+    for (const auto& [name, r] : RateTable()) {
+        if (r.kspl <= 0 || r.iconv <= 0) continue;
+        std::printf("%-40s %12.2f %12.2f %9.0fx\n", name.c_str(), r.kspl / 1e6, r.iconv / 1e6,
+                    r.iconv / r.kspl);
+    }
 }
 
 void BM_KsplToNarrow(benchmark::State& state, Kind kind, Page page) {
@@ -83,6 +122,7 @@ void BM_KsplToNarrow(benchmark::State& state, Kind kind, Page page) {
     const size_t chars = static_cast<size_t>(state.range(0));
     std::vector<WCHAR> text = MakeText(kind, chars);
     std::vector<char> out(12 * chars + 1);
+    const double cpuStart = ThreadCpuSeconds();
     for (auto _ : state) {
         UINT32 len = static_cast<UINT32>(out.size());
         KSSTATUS st = KsoWideCharToMultiByte(k, Selector(page), text.data(),
@@ -90,7 +130,7 @@ void BM_KsplToNarrow(benchmark::State& state, Kind kind, Page page) {
         if (st != 0) state.SkipWithError("conversion failed");
         benchmark::DoNotOptimize(out.data());
     }
-    SetThroughput(state, chars);
+    Finish(state, "to_narrow", true, kind, page, chars, cpuStart);
 }
 
 void BM_KsplToWide(benchmark::State& state, Kind kind, Page page) {
@@ -98,6 +138,7 @@ void BM_KsplToWide(benchmark::State& state, Kind kind, Page page) {
     const size_t chars = static_cast<size_t>(state.range(0));
     std::string narrow = NarrowOf(MakeText(kind, chars), page);
     std::vector<WCHAR> out(narrow.size() + 1);
+    const double cpuStart = ThreadCpuSeconds();
     for (auto _ : state) {
         UINT32 len = static_cast<UINT32>(out.size());
         KSSTATUS st = KsoMultiByteToWideChar(k, Selector(page), narrow.data(),
@@ -105,19 +146,20 @@ void BM_KsplToWide(benchmark::State& state, Kind kind, Page page) {
         if (st != 0) state.SkipWithError("conversion failed");
         benchmark::DoNotOptimize(out.data());
     }
-    SetThroughput(state, chars);
+    Finish(state, "to_wide", true, kind, page, chars, cpuStart);
 }
 
 // One iconv call over the whole text per iteration; the descriptor is
 // opened once and reset between iterations.
-void RunBulk(benchmark::State& state, const char* to, const char* from, const void* in,
-             size_t inBytes, size_t outBytes, size_t chars) {
+void RunBulk(benchmark::State& state, const char* direction, Kind kind, Page page, const char* to,
+             const char* from, const void* in, size_t inBytes, size_t outBytes, size_t chars) {
     iconv_t cd = iconv_open(to, from);
     if (cd == reinterpret_cast<iconv_t>(-1)) {
         state.SkipWithError("iconv_open failed");
         return;
     }
     std::vector<char> out(outBytes);
+    const double cpuStart = ThreadCpuSeconds();
     for (auto _ : state) {
         iconv(cd, nullptr, nullptr, nullptr, nullptr);
         char* inPtr = const_cast<char*>(static_cast<const char*>(in));
@@ -127,8 +169,8 @@ void RunBulk(benchmark::State& state, const char* to, const char* from, const vo
         benchmark::DoNotOptimize(iconv(cd, &inPtr, &inLeft, &outPtr, &outLeft));
         benchmark::DoNotOptimize(out.data());
     }
+    Finish(state, direction, false, kind, page, chars, cpuStart);
     iconv_close(cd);
-    SetThroughput(state, chars);
 }
 
 void BM_IconvToNarrow(benchmark::State& state, Kind kind, Page page) {
@@ -136,13 +178,13 @@ void BM_IconvToNarrow(benchmark::State& state, Kind kind, Page page) {
     std::vector<WCHAR> text = MakeText(kind, chars);
     std::string to = PageName(page);
     if (page == Page::Latin1 && kind == Kind::Foreign10) to += "//TRANSLIT";
-    RunBulk(state, to.c_str(), "UNICODE", text.data(), 2 * chars, 4 * chars + 8, chars);
+    RunBulk(state, "to_narrow", kind, page, to.c_str(), "UNICODE", text.data(), 2 * chars, 4 * chars + 8, chars);
 }
 
 void BM_IconvToWide(benchmark::State& state, Kind kind, Page page) {
     const size_t chars = static_cast<size_t>(state.range(0));
     std::string narrow = NarrowOf(MakeText(kind, chars), page);
-    RunBulk(state, "UNICODE", PageName(page), narrow.data(), narrow.size(),
+    RunBulk(state, "to_wide", kind, page, "UNICODE", PageName(page), narrow.data(), narrow.size(),
             2 * narrow.size() + 8, chars);
 }
 
@@ -165,47 +207,14 @@ void Register() {
     }
 }
 
-// Prints, after the usual table, each service beside its bulk iconv
-// baseline: MB/s of both and how many times slower the service is.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& run : runs) {
-            auto it = run.counters.find("bytes_per_second");
-            if (it != run.counters.end()) rates_[run.benchmark_name()] = it->second.value;
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-    void Finalize() override {
-        ConsoleReporter::Finalize();
-        std::printf("\n%-52s %12s %12s %10s\n", "case", "kspl MB/s", "iconv MB/s", "slowdown");
-        for (const auto& [name, rate] : rates_) {
-            const auto pos = name.find("/kspl/");
-            if (pos == std::string::npos) continue;
-            std::string baseline = name;
-            baseline.replace(pos, 6, "/iconv/");
-            auto base = rates_.find(baseline);
-            if (base == rates_.end() || rate <= 0) continue;
-            std::string label = name;
-            label.erase(pos, 5);
-            const auto opt = label.find("/min_time");
-            if (opt != std::string::npos) label.erase(opt);
-            std::printf("%-52s %12.2f %12.2f %9.0fx\n", label.c_str(), rate / 1e6,
-                        base->second / 1e6, base->second / rate);
-        }
-    }
-
-private:
-    std::map<std::string, double> rates_;
-};
-
 }  // namespace
 
-int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
+// Runs after the benchmarks (registered before they start).
+const bool kRegistered = [] {
     Register();
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
-}
+    RateTable();
+    std::atexit(PrintRatios);
+    return true;
+}();
+
+BENCHMARK_MAIN();
