@@ -96,7 +96,7 @@ protected:
         EXPECT_TRUE(WaitUntil([&] {
             return KsAtomicLoad(&g_KsplCurrentThreads) == threadsAtStart_ &&
                    KsplInUseCounters(pIKspl) == globalAtStart_;
-        })) << "the store left memory, locks or threads behind";
+        }, std::chrono::milliseconds(HasFailure() ? 500 : 20000))) << "the store left memory, locks or threads behind";
         EXPECT_EQ(KsAtomicLoad(&g_ulCount), ulCountAtStart_) << "interface references leaked";
         KsplTest::TearDown();
     }
