@@ -518,8 +518,8 @@ TEST_F(OmObjects, PreallocatedObjectsCycleThroughOpenAndDeallocate) {
     EXPECT_EQ(user, pre);
     EXPECT_EQ(mode, 1u);
     EXPECT_EQ(static_cast<Item*>(user)->value, 1234u) << "open does not clear the user area";
-    EXPECT_EQ(StatsOf(om), (Stats{4, 1, 0}));
     EXPECT_EQ(om->lpVtbl->ReleaseObject(om, user), 0u);
+    EXPECT_EQ(StatsOf(om), (Stats{4, 1, 0}));
     ASSERT_EQ(om->lpVtbl->OpenObject(om, KeyArg(1), InitItem, KeyArg(1), CompareItem, 0, 1, 0,
                                      &out, &mode),
               0u);
