@@ -12,6 +12,8 @@
 // Lock order (outer first):
 //   event->mutex
 //     private->mutex      (a signal reaching a registered multiple waiter)
+//     instance ProtectionMutex  (registration memory, allocated and freed
+//                                while the event is locked)
 // A multiple waiter takes event mutexes one at a time and only while it
 // does not hold its private mutex.
 //

@@ -31,10 +31,6 @@ void FreeRecord(Record* record) {
     std::free(record);
 }
 
-inline pthread_t LoadOwner(const KSO_MUTEX_HANDLE* m) {
-    return __atomic_load_n(&m->owner, __ATOMIC_RELAXED);
-}
-
 }  // namespace
 
 // ----------------------------------------------------------------------------
@@ -96,22 +92,15 @@ KSSTATUS KsoAllocMutex(IKspl* pThis, UINT32 /*Level*/, HANDLE* pHandle) {
 
 KSSTATUS KsoAcquireMutex(IKspl* /*pThis*/, HANDLE Handle) {
     if (!KsplHandleIs(Handle, kSigMutex)) return KSPL_STATUS(KSPL_CODE_INVALID_HANDLE);
-    auto* m = static_cast<KSO_MUTEX_HANDLE*>(Handle);
-    if (pthread_mutex_lock(&m->mutex) == 0) {
-        if (m->depth++ == 0) __atomic_store_n(&m->owner, pthread_self(), __ATOMIC_RELAXED);
-    }
+    pthread_mutex_lock(&static_cast<KSO_MUTEX_HANDLE*>(Handle)->mutex);
     return 0;
 }
 
 KSSTATUS KsoReleaseMutex(IKspl* /*pThis*/, HANDLE Handle) {
     if (!KsplHandleIs(Handle, kSigMutex)) return KSPL_STATUS(KSPL_CODE_INVALID_HANDLE);
-    auto* m = static_cast<KSO_MUTEX_HANDLE*>(Handle);
-    // Only the holder ever finds itself in `owner`; anyone else's release is
-    // left to the primitive, which refuses it.
-    if (LoadOwner(m) == pthread_self()) {
-        if (--m->depth == 0) __atomic_store_n(&m->owner, pthread_t{}, __ATOMIC_RELAXED);
-    }
-    pthread_mutex_unlock(&m->mutex);
+    // A release by a thread that does not own the mutex is refused by the
+    // primitive and changes nothing.
+    pthread_mutex_unlock(&static_cast<KSO_MUTEX_HANDLE*>(Handle)->mutex);
     return 0;
 }
 
@@ -121,9 +110,11 @@ KSSTATUS KsoDestroyMutex(IKspl* pThis, HANDLE Handle) {
     }
     auto* m = static_cast<KSO_MUTEX_HANDLE*>(Handle);
     // Held by another thread: the try fails. Held by the caller: the try
-    // succeeds (recursion) but depth shows the earlier acquisition.
+    // succeeds by recursion, and the mutex's recursion count (glibc keeps it
+    // in the mutex itself) shows the earlier acquisition. Destroying a held
+    // mutex is never left to the primitive.
     if (pthread_mutex_trylock(&m->mutex) != 0) return KSPL_STATUS(KSPL_CODE_BUSY);
-    bool heldByCaller = m->depth != 0;
+    bool heldByCaller = m->mutex.__data.__count > 1;
     pthread_mutex_unlock(&m->mutex);
     if (heldByCaller || pthread_mutex_destroy(&m->mutex) != 0) {
         return KSPL_STATUS(KSPL_CODE_BUSY);

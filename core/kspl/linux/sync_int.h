@@ -5,16 +5,10 @@
 
 #include "../kspl_internal.h"
 
-// Recursive mutex. `owner` and `depth` let destroy tell "held by the caller"
-// from "free": a recursive trylock succeeds for the owner, and the platform
-// destroy of a held mutex is not something to rely on.
+// Recursive mutex.
 struct KSO_MUTEX_HANDLE {
     KsoHandleHeader Header;  // 'MUTX'; links unused
     pthread_mutex_t mutex;   // PTHREAD_MUTEX_RECURSIVE_NP
-    // mutex protects depth; owner is written only by the holder (under
-    // mutex) and read by anyone, hence atomic.
-    pthread_t owner;  // holder while depth > 0, else 0
-    UINT32 depth;     // acquisitions not yet released by the holder
 };
 
 // Non-recursive blocking lock; no busy-waiting despite the name.
