@@ -9,7 +9,9 @@
 // A forked child that starts threads is what these suites test; the thread
 // sanitizer refuses it by default.
 #if defined(__SANITIZE_THREAD__)
-extern "C" const char* __tsan_default_options() { return "die_after_fork=0"; }
+extern "C" __attribute__((visibility("default"), used)) const char* __tsan_default_options() {
+    return "die_after_fork=0";
+}
 #endif
 
 // Polls `pred` every millisecond until it holds or `seconds` have passed.
