@@ -486,6 +486,7 @@ TEST_F(TimerTest, CancelRacingWithFiringAccountsForEverySchedule) {
 IKspl* g_childInstance = nullptr;
 
 TEST_F(TimerTest, StopRequestEndsTheTimerThreadOnceItsRoutineReturns) {
+    KSPL_SKIP_UNLESS_CHILD_MAY_START_THREADS();
     g_childInstance = k;
     int rc = KsplRunInChild([] {
         alarm(120);
@@ -519,6 +520,7 @@ TEST_F(TimerTest, StopRequestEndsTheTimerThreadOnceItsRoutineReturns) {
 }
 
 TEST_F(TimerTest, ForkedChildFiresTimersAndWorkItemsAndStops) {
+    KSPL_SKIP_UNLESS_CHILD_MAY_START_THREADS();
     g_childInstance = k;
     int rc = KsplRunInChild([] {
         alarm(120);
