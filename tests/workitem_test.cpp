@@ -371,6 +371,7 @@ TEST(KsoSleepTest, SleepsTheWholeIntervalEvenWhenInterrupted) {
 IKspl* g_childInstance = nullptr;
 
 TEST_F(WorkItemTest, StopRequestEndsEveryWorkerOnceRunningRoutinesReturn) {
+    KSPL_SKIP_UNLESS_CHILD_MAY_START_THREADS();
     g_childInstance = k;
     int rc = KsplRunInChild([] {
         IKspl* ck = g_childInstance;
@@ -420,6 +421,7 @@ TEST_F(WorkItemTest, ForkedChildRunsItemsAndStops) {
         EXPECT_EQ(KsAtomicLoad(&g_KsplNumWorkItemThreads), 0);
     });
     EXPECT_EQ(rc, 0);
+    KSPL_SKIP_UNLESS_CHILD_MAY_START_THREADS();
 
     rc = KsplRunInChild([] {
         alarm(120);

@@ -178,23 +178,29 @@ KSSTATUS KsoScheduleWorkItem(IKspl* pThis, HANDLE hWorkItem, KSO_PRIORITY Priori
     KsplRestartPoolsIfForked();
 
     auto* item = static_cast<KSO_WORK_ITEM_HANDLE*>(hWorkItem);
+    WorkItemThreadObj* wake = nullptr;
     {
         KsMutexGuard guard(&g_KsplWorkItemQueue.mutex);
-        if (!ItemPending(item)) {
-            SetItemPending(item, true);
-            KsListInsertTail(&g_KsplWorkItemQueue.listHead, &item->schedQueue);
-            INT32 n = KsAtomicLoad(&g_KsplNumWorkItemThreads);
-            for (INT32 i = 0; i < n && i < kKsplWorkItemThreadSlots; ++i) {
-                WorkItemThreadObj* obj = &g_KsplWorkItemThreads[i];
-                if (obj->inactive) {
-                    obj->inactive = 0;
-                    pthread_cond_signal(&obj->condition);
-                    break;
-                }
+        if (ItemPending(item)) goto busy;  // queued at most once at a time
+        SetItemPending(item, true);
+        KsListInsertTail(&g_KsplWorkItemQueue.listHead, &item->schedQueue);
+        INT32 n = KsAtomicLoad(&g_KsplNumWorkItemThreads);
+        for (INT32 i = 0; i < n && i < kKsplWorkItemThreadSlots; ++i) {
+            if (g_KsplWorkItemThreads[i].inactive) {
+                g_KsplWorkItemThreads[i].inactive = 0;
+                wake = &g_KsplWorkItemThreads[i];
+                break;
             }
-            return 0;
         }
     }
+    // Signalled after the unlock so that the woken worker does not block at
+    // once on the mutex we hold. Nothing is lost: the worker was found
+    // inactive under the mutex, so it is inside its wait; at worst it has
+    // woken spuriously meanwhile and this signal finds no waiter or ends a
+    // later wait early, which the worker's loop tolerates.
+    if (wake != nullptr) pthread_cond_signal(&wake->condition);
+    return 0;
+busy:
     return KSPL_STATUS(KSPL_CODE_BUSY);
 }
 
