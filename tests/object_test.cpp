@@ -1,8 +1,6 @@
 // object_test.cpp - the object manager through its interface: factory and
 // versions, initialisation, blocks and ids, creation and handles, deletion,
 // preallocation, enumeration cursors, find, locks and teardown.
-#include <future>
-
 #include "object_test_util.h"
 
 namespace {

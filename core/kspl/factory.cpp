@@ -16,22 +16,32 @@ KSPL_SOURCE_UNIT("factory");
 
 namespace {
 
+// Counter updates go through the global instance; before the library has
+// made it (a direct call ahead of the first class-object request) the same
+// atomic operation is done in place.
+UINT32 GlobalIncrement(UINT32* counter) {
+    IKspl* k = pIKspl;
+    return k != nullptr ? k->lpVtbl->KsoInterlockedIncrement(k, counter) : KsAtomicAdd(counter, 1u);
+}
+UINT32 GlobalDecrement(UINT32* counter) {
+    IKspl* k = pIKspl;
+    return k != nullptr ? k->lpVtbl->KsoInterlockedDecrement(k, counter) : KsAtomicSub(counter, 1u);
+}
+
 UINT32 OMFactoryAddRef(void* pThis) {
-    return pIKspl->lpVtbl->KsoInterlockedIncrement(pIKspl,
-                                                   &static_cast<CFInstance*>(pThis)->cReference);
+    return GlobalIncrement(&static_cast<CFInstance*>(pThis)->cReference);
 }
 
 UINT32 OMFactoryRelease(void* pThis) {
-    return pIKspl->lpVtbl->KsoInterlockedDecrement(pIKspl,
-                                                   &static_cast<CFInstance*>(pThis)->cReference);
+    return GlobalDecrement(&static_cast<CFInstance*>(pThis)->cReference);
 }
 
 UINT32 OMFactoryLockServer(void* pThis, BOOLEAN fLock) {
     auto* cf = static_cast<CFInstance*>(pThis);
     if (fLock == 1) {
-        pIKspl->lpVtbl->KsoInterlockedIncrement(pIKspl, &cf->cLock);
+        GlobalIncrement(&cf->cLock);
     } else {
-        pIKspl->lpVtbl->KsoInterlockedDecrement(pIKspl, &cf->cLock);
+        GlobalDecrement(&cf->cLock);
     }
     return 0;
 }
@@ -182,14 +192,14 @@ KSSTATUS ObjectQueryInterface(void* pThis, const GUID* pIId, void** ppInterface)
 
 UINT32 ObjectAddRef(void* pThis) {
     ObjectInfo* oi = OmInfo(pThis);
-    pIKspl->lpVtbl->KsoInterlockedIncrement(pIKspl, &g_ulCount);
-    return pIKspl->lpVtbl->KsoInterlockedIncrement(pIKspl, &oi->cReference);
+    GlobalIncrement(&g_ulCount);
+    return GlobalIncrement(&oi->cReference);
 }
 
 UINT32 ObjectRelease(void* pThis) {
     ObjectInfo* oi = OmInfo(pThis);
-    pIKspl->lpVtbl->KsoInterlockedDecrement(pIKspl, &g_ulCount);
-    UINT32 remaining = pIKspl->lpVtbl->KsoInterlockedDecrement(pIKspl, &oi->cReference);
+    GlobalDecrement(&g_ulCount);
+    UINT32 remaining = GlobalDecrement(&oi->cReference);
     if (remaining != 0) return remaining;
     // The record may outlive this call until its last object is freed; the
     // caller must not use the pointer again either way.
