@@ -43,12 +43,15 @@ inline void StoreState(KSO_EVENT_HANDLE* e, UINT32 value) {
 }
 
 // Takes the event if it is set: a synchronization event is cleared (consumed)
-// by the taker, a notification event stays set.
+// by the taker, a notification event stays set. The consumption is an
+// exchange because a reset may clear the state concurrently without the
+// mutex: exactly one of the two takes a given signal.
 // REQUIRES: e->mutex is held.
 inline bool TakeIfSet(KSO_EVENT_HANDLE* e) {
+    // Only signals set the state, under the mutex: a clear state stays clear.
     if (LoadState(e) == 0) return false;
-    if (e->type == KsoSynchronizationEvent) StoreState(e, 0);
-    return true;
+    if (e->type == KsoNotificationEvent) return true;
+    return __atomic_exchange_n(&e->state, 0u, __ATOMIC_SEQ_CST) != 0;
 }
 
 void InitEventRecord(KSO_EVENT_HANDLE* e, UINT32 type) {
@@ -321,6 +324,23 @@ KSSTATUS KsoWaitForMultipleEvents(IKspl* pThis, UINT32 Count, HANDLE* Handles, B
     if (Count == 0 || Handles == nullptr) return KSPL_STATUS(KSPL_CODE_INVALID_PARAM);
     if (Count == 1) return KsoWaitForSingleEvent(pThis, Handles[0], Timeout);
     if (Timeout < -1) return KSPL_STATUS(KSPL_CODE_INVALID_PARAM);
+
+    // Wait-any with an event already set needs no registration: take the
+    // first set one in array order. (A registering scan would find the same
+    // event, after allocating and freeing registrations for the ones before.)
+    if (!bWaitAll) {
+        for (UINT32 i = 0; i < Count; ++i) {
+            if (!KsplHandleIs(Handles[i], kSigEvent)) {
+                return KSPL_STATUS(KSPL_CODE_INVALID_HANDLE);
+            }
+            KSO_EVENT_HANDLE* e = AsEvent(Handles[i]);
+            pthread_mutex_lock(&e->mutex);
+            bool taken = TakeIfSet(e);
+            pthread_mutex_unlock(&e->mutex);
+            if (taken) return i;
+        }
+        if (Timeout == 0) return KSPL_STATUS(KSPL_CODE_FAILURE);
+    }
 
     // Cancellation strikes only while the call sleeps (SleepOnPrivate); a
     // cancellation anywhere else could leave registrations behind.
