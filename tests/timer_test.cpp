@@ -71,8 +71,15 @@ TEST_F(TimerTest, RejectsBadArgumentsWithTheirStatus) {
 
     EXPECT_EQ(Rec(t)->timerState, 0u);
     EXPECT_EQ(KsplInfo(k)->TimerInUse, 1u);
-    EXPECT_EQ(v->KsoDestroyTimer(k, t), 0u);
+    // Destroyed through another instance, the record still goes back to
+    // (and is counted off) the instance that allocated it.
+    IKspl* other = KsplTestCreateInstance();
+    ASSERT_NE(other, nullptr);
+    EXPECT_EQ(v->KsoDestroyTimer(other, t), 0u);
     EXPECT_EQ(KsplInfo(k)->TimerInUse, 0u);
+    EXPECT_EQ(KsplInfo(k)->MemoryPagedInUse, 0u);
+    EXPECT_EQ(KsplInfo(other)->TimerInUse, 0u);
+    EXPECT_EQ(other->lpVtbl->Release(other), 0u);
     EXPECT_EQ(c.runs.load(), 0);
 }
 

@@ -117,8 +117,15 @@ TEST_F(WorkItemTest, RejectsBadArgumentsWithTheirStatusAndChangesNothing) {
     EXPECT_TRUE(WaitFor([&] { return c.runs.load() == 1; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_EQ(c.runs.load(), 1);
-    EXPECT_EQ(v->KsoDestroyWorkItem(k, item), 0u);
+    // Destroyed through another instance, the record still goes back to
+    // (and is counted off) the instance that allocated it.
+    IKspl* other = KsplTestCreateInstance();
+    ASSERT_NE(other, nullptr);
+    EXPECT_EQ(v->KsoDestroyWorkItem(other, item), 0u);
     EXPECT_EQ(KsplInfo(k)->WorkItemInUse, 0u);
+    EXPECT_EQ(KsplInfo(k)->MemoryPagedInUse, 0u);
+    EXPECT_EQ(KsplInfo(other)->WorkItemInUse, 0u);
+    EXPECT_EQ(other->lpVtbl->Release(other), 0u);
 }
 
 TEST_F(WorkItemTest, PendingItemIsQueuedOnceAndRefusesDestruction) {

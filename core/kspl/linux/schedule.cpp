@@ -58,15 +58,7 @@ inline void SetItemPending(KSO_WORK_ITEM_HANDLE* item, bool pending) {
     __atomic_store_n(&item->pending, static_cast<BOOLEAN>(pending ? 1 : 0), __ATOMIC_RELEASE);
 }
 
-// The instance whose tracked memory holds a record; its counters are the
-// ones the record was counted in, whichever instance the caller passes.
-inline IKspl* OwnerOf(void* record) {
-    return reinterpret_cast<KSO_MEM_HANDLE*>(static_cast<unsigned char*>(record) - kMemHeaderSize)
-        ->Owner;
-}
-
-// Starts the workers that are not running. REQUIRES: g_poolMutex is held or
-// the process is single-threaded (initialisation under the module mutex).
+// Starts the pool's workers. REQUIRES: g_poolMutex is held.
 void StartWorkers() {
     for (int i = 0; i < kKsplWorkItemThreadSlots; ++i) {
         WorkItemThreadObj* obj = &g_KsplWorkItemThreads[i];
@@ -213,7 +205,8 @@ KSSTATUS KsoDestroyWorkItem(IKspl* pThis, HANDLE hWork) {
         KsoDebugPrintf(pThis, const_cast<PCHAR>("KsoDestroyWorkItem: Work Item pending"));
         return KSPL_STATUS(KSPL_CODE_BUSY);
     }
-    IKspl* owner = OwnerOf(item);
+    IKspl* owner = KsplRecordOwner(item);
+    if (owner == nullptr) return KsoFreeMemory(pThis, item);  // refused: not a tracked block
     KsAtomicSub(&KsplInfo(owner)->WorkItemInUse, 1u);
     KsoZeroMemory(owner, item, sizeof(*item));
     return KsoFreeMemory(owner, item);

@@ -5,6 +5,7 @@
 // No library lock is held while a caller's routine runs.
 #pragma once
 #include "../kspl_internal.h"
+#include "../memory_int.h"
 
 KSSTATUS KsoAllocWorkItem(IKspl* pThis, PKSO_WORK_ITEM_ROUTINE pWorkItemRoutine, PVOID pContext,
                           HANDLE* pHandle);
@@ -17,6 +18,16 @@ KSSTATUS KsoAllocTimer(IKspl* pThis, PKSO_TIMER_ROUTINE pTimerRoutine, PVOID pCo
 KSSTATUS KsoScheduleTimer(IKspl* pThis, HANDLE hTimer, UINT64 Timeout);
 BOOLEAN KsoCancelTimer(IKspl* pThis, HANDLE hTimer);
 KSSTATUS KsoDestroyTimer(IKspl* pThis, HANDLE hTimer);
+
+// The instance whose tracked memory holds a resource record: its counters
+// are the ones the record was counted in, whichever instance a caller passes
+// to destroy it. Null when the record is not a live tracked block.
+inline IKspl* KsplRecordOwner(void* record) {
+    auto* header =
+        reinterpret_cast<KSO_MEM_HANDLE*>(static_cast<unsigned char*>(record) - kMemHeaderSize);
+    return header->Signature == kSigMemory && KsplValidInstance(header->Owner) ? header->Owner
+                                                                                : nullptr;
+}
 
 // ---------------------------------------------------------------------------
 // Work items.

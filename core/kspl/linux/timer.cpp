@@ -57,11 +57,6 @@ inline void SetExecuting(KSO_TIMER_HANDLE* t) {
 }
 inline UINT32 CurrentTimers() { return __atomic_load_n(&g_KsplCurrentTimers, __ATOMIC_ACQUIRE); }
 
-inline IKspl* OwnerOf(void* record) {
-    return reinterpret_cast<KSO_MEM_HANDLE*>(static_cast<unsigned char*>(record) - kMemHeaderSize)
-        ->Owner;
-}
-
 // Links `t` (due `due` ticks from now) into the main queue after `prev`
 // (null: at the head), whose due time is `prevDue`. The caller has found
 // the place: every timer up to `prev` is due at or before `due`, the one
@@ -386,7 +381,8 @@ KSSTATUS KsoDestroyTimer(IKspl* pThis, HANDLE hTimer) {
         KsoDebugPrintf(pThis, const_cast<PCHAR>("KsoDestroyTimer: Timer in use"));
         return KSPL_STATUS(KSPL_CODE_BUSY);
     }
-    IKspl* owner = OwnerOf(t);
+    IKspl* owner = KsplRecordOwner(t);
+    if (owner == nullptr) return KsoFreeMemory(pThis, t);  // refused: not a tracked block
     KsAtomicSub(&KsplInfo(owner)->TimerInUse, 1u);
     KsoZeroMemory(owner, t, sizeof(*t));
     return KsoFreeMemory(owner, t);
