@@ -2,4 +2,6 @@
 #pragma once
 #include "kspl_internal.h"
 
+// Answers IID_IUnknown and IID_IClassFactory with the static factory;
+// pThis may be null (class-object lookup).
 KSSTATUS OMFactoryQueryInterface(void* pThis, const GUID* pIId, void** ppInterface);

@@ -1,7 +1,76 @@
 // sync_int.h - mutexes, spin locks, read-write locks, atomic counters and
-// events.
+// events: their records and the timing helpers shared with the threads.
 #pragma once
+#include <ctime>
+
 #include "../kspl_internal.h"
+
+// Recursive mutex. `owner` and `depth` let destroy tell "held by the caller"
+// from "free": a recursive trylock succeeds for the owner, and the platform
+// destroy of a held mutex is not something to rely on.
+struct KSO_MUTEX_HANDLE {
+    KsoHandleHeader Header;  // 'MUTX'; links unused
+    pthread_mutex_t mutex;   // PTHREAD_MUTEX_RECURSIVE_NP
+    // mutex protects depth; owner is written only by the holder (under
+    // mutex) and read by anyone, hence atomic.
+    pthread_t owner;  // holder while depth > 0, else 0
+    UINT32 depth;     // acquisitions not yet released by the holder
+};
+
+// Non-recursive blocking lock; no busy-waiting despite the name.
+struct KSO_SPINLOCK_HANDLE {
+    KsoHandleHeader Header;    // 'SPIN'; links unused
+    pthread_mutex_t spinLock;  // default kind
+};
+
+// Read-write lock that prefers writers; read locks are not recursive.
+struct KSO_LOCK_HANDLE {
+    KsoHandleHeader Header;  // 'LOCK'; links unused
+    pthread_t threadId;      // last thread that acquired it (atomic store)
+    pthread_rwlock_t rwLock;
+};
+
+// Event. `mutex` guards state (for signal and wait), multiWaitList and
+// singleWaiters. Reset touches state without the mutex, so every access to
+// state is atomic.
+//
+// Lock order: an event's mutex may be held while a private event's mutex
+// (the one of a multiple wait) is taken, never the reverse.
+struct KSO_EVENT_HANDLE {
+    KsoHandleHeader Header;  // 'EVNT'; Link an empty list, Link2 unused
+    UINT32 type;             // KsoSynchronizationEvent or KsoNotificationEvent
+    UINT32 state;            // 0 clear, 1 set
+    pthread_mutex_t mutex;   // default kind
+    pthread_cond_t condition;  // single waiters sleep here (monotonic clock)
+    LIST_ENTRY multiWaitList;  // registrations, linked through SingleEntry
+    UINT32 singleWaiters;      // threads inside a single wait on this event
+};
+static_assert(offsetof(KSO_EVENT_HANDLE, type) == sizeof(KsoHandleHeader), "type follows header");
+
+// One registration of a multiple wait on one event.
+struct MY_EVENT_LIST_ENTRY {
+    LIST_ENTRY MasterEntry;  // in the waiting call's private list
+    LIST_ENTRY SingleEntry;  // in pSingleEvent->multiWaitList
+    KSO_EVENT_HANDLE* pMasterEvent;
+    KSO_EVENT_HANDLE* pSingleEvent;
+};
+
+// Initialises a condition variable whose timed waits run on the monotonic
+// clock, so a wall-clock step neither stretches nor cuts a timeout.
+int KsplCondInit(pthread_cond_t* cond);
+
+// Absolute deadline on the condition variables' clock for a relative
+// timeout in microseconds (>= 0). A timeout of 0 yields a deadline already
+// passed; a deadline beyond the range of time_t is clamped.
+void KsplDeadline(INT64 timeoutUs, struct timespec* deadline);
+
+// Waits on `cond` (with `mutex` held) until `deadline`, or without limit when
+// deadline is null. Returns the primitive's answer.
+inline int KsplCondWait(pthread_cond_t* cond, pthread_mutex_t* mutex,
+                        const struct timespec* deadline) {
+    return deadline == nullptr ? pthread_cond_wait(cond, mutex)
+                               : pthread_cond_timedwait(cond, mutex, deadline);
+}
 
 KSSTATUS KsoAllocMutex(IKspl* pThis, UINT32 Level, HANDLE* pHandle);
 KSSTATUS KsoAcquireMutex(IKspl* pThis, HANDLE Handle);

@@ -1,0 +1,413 @@
+// event.cpp - events: signal, reset, and waits for one or several events.
+//
+// A synchronization event releases one waiter per signal and is cleared by
+// the waiter that consumes it; a notification event releases every waiter
+// and stays set until reset.
+//
+// A multiple wait registers the calling thread on every event it still has
+// to see (MY_EVENT_LIST_ENTRY on the event's multiWaitList) and sleeps on a
+// private event of its own; a signal on any of those events sets and
+// signals the private event.
+//
+// Lock order (outer first):
+//   event->mutex
+//     private->mutex      (a signal reaching a registered multiple waiter)
+// A multiple waiter takes event mutexes one at a time and only while it
+// does not hold its private mutex.
+//
+// Cancellation: a thread cancelled in a wait leaves every event as it was
+// usable: the single wait's cleanup releases the event mutex (passing on a
+// wake-up it may have taken); the multiple wait runs with cancellation off
+// except while it sleeps, and its cleanup removes every registration.
+#include <cerrno>
+#include <cstdlib>
+
+#include "linklist_int.h"
+#include "memory_int.h"
+#include "stdio_int.h"
+#include "sync_int.h"
+
+KSPL_SOURCE_UNIT("sync");
+
+namespace {
+
+inline KSO_EVENT_HANDLE* AsEvent(HANDLE h) { return static_cast<KSO_EVENT_HANDLE*>(h); }
+
+inline UINT32 LoadState(const KSO_EVENT_HANDLE* e) {
+    return __atomic_load_n(&e->state, __ATOMIC_SEQ_CST);
+}
+inline void StoreState(KSO_EVENT_HANDLE* e, UINT32 value) {
+    __atomic_store_n(&e->state, value, __ATOMIC_SEQ_CST);
+}
+
+// Takes the event if it is set: a synchronization event is cleared (consumed)
+// by the taker, a notification event stays set.
+// REQUIRES: e->mutex is held.
+inline bool TakeIfSet(KSO_EVENT_HANDLE* e) {
+    if (LoadState(e) == 0) return false;
+    if (e->type == KsoSynchronizationEvent) StoreState(e, 0);
+    return true;
+}
+
+void InitEventRecord(KSO_EVENT_HANDLE* e, UINT32 type) {
+    KsListInit(&e->Header.Link);
+    e->Header.Signature = kSigEvent;
+    e->type = type;
+    e->state = 0;
+    e->singleWaiters = 0;
+    KsListInit(&e->multiWaitList);
+    KsplCondInit(&e->condition);
+    pthread_mutex_init(&e->mutex, nullptr);
+}
+
+// ----------------------------------------------------------------------------
+// Single wait
+// ----------------------------------------------------------------------------
+
+// Cleanup of a single waiter cancelled in its sleep (the mutex is held
+// again). The cancelled thread may have taken the one wake-up a signal of a
+// synchronization event gave out; hand it to another sleeper.
+void SingleWaitCancelled(void* arg) {
+    auto* e = static_cast<KSO_EVENT_HANDLE*>(arg);
+    --e->singleWaiters;
+    if (LoadState(e) != 0 && e->singleWaiters != 0) pthread_cond_signal(&e->condition);
+    pthread_mutex_unlock(&e->mutex);
+}
+
+// ----------------------------------------------------------------------------
+// Multiple wait
+// ----------------------------------------------------------------------------
+
+// State of one multiple wait, in the waiting call's frame.
+struct MultiWait {
+    IKspl* instance;            // registrations come from its paged memory
+    KSO_EVENT_HANDLE priv;      // never handed out; signallers set it
+    LIST_ENTRY registrations;   // MY_EVENT_LIST_ENTRY via MasterEntry
+};
+
+inline MY_EVENT_LIST_ENTRY* FromMaster(PLIST_ENTRY link) {
+    return reinterpret_cast<MY_EVENT_LIST_ENTRY*>(reinterpret_cast<char*>(link) -
+                                                 offsetof(MY_EVENT_LIST_ENTRY, MasterEntry));
+}
+inline MY_EVENT_LIST_ENTRY* FromSingle(PLIST_ENTRY link) {
+    return reinterpret_cast<MY_EVENT_LIST_ENTRY*>(reinterpret_cast<char*>(link) -
+                                                 offsetof(MY_EVENT_LIST_ENTRY, SingleEntry));
+}
+
+// Registers the wait on `e`.
+// REQUIRES: e->mutex is held (no signal can fall between the caller's test
+// of the state and the registration).
+bool Register(MultiWait* w, KSO_EVENT_HANDLE* e) {
+    auto* r = static_cast<MY_EVENT_LIST_ENTRY*>(
+        KsoAllocPagedMemory(w->instance, sizeof(MY_EVENT_LIST_ENTRY)));
+    if (r == nullptr) return false;
+    r->pMasterEvent = &w->priv;
+    r->pSingleEvent = e;
+    KsListInsertTail(&w->registrations, &r->MasterEntry);
+    KsListInsertTail(&e->multiWaitList, &r->SingleEntry);
+    return true;
+}
+
+// Unlinks a registration from its event (taking the event's mutex unless
+// the caller holds it) and from the private list, and frees it.
+void Unregister(MultiWait* w, MY_EVENT_LIST_ENTRY* r, bool eventLocked) {
+    KSO_EVENT_HANDLE* e = r->pSingleEvent;
+    if (!eventLocked) pthread_mutex_lock(&e->mutex);
+    KsListRemove(&r->SingleEntry);
+    if (!eventLocked) pthread_mutex_unlock(&e->mutex);
+    KsListRemove(&r->MasterEntry);
+    r->pMasterEvent = nullptr;
+    r->pSingleEvent = nullptr;
+    KsoFreeMemory(w->instance, r);
+}
+
+// Removes every registration, newest first.
+// REQUIRES: w->priv.mutex is not held.
+void UnregisterAll(MultiWait* w) {
+    while (!KsListEmpty(&w->registrations)) {
+        Unregister(w, FromMaster(w->registrations.Blink), false);
+    }
+}
+
+// Cleanup of a multiple waiter cancelled in its sleep (the private mutex is
+// held again): no event may keep a registration that points into this frame.
+void MultiWaitCancelled(void* arg) {
+    auto* w = static_cast<MultiWait*>(arg);
+    pthread_mutex_unlock(&w->priv.mutex);
+    UnregisterAll(w);
+    pthread_mutex_destroy(&w->priv.mutex);
+    pthread_cond_destroy(&w->priv.condition);
+}
+
+// First position of `e` in the caller's array.
+UINT32 PositionOf(HANDLE* handles, UINT32 count, KSO_EVENT_HANDLE* e) {
+    for (UINT32 i = 0; i < count; ++i) {
+        if (handles[i] == e) return i;
+    }
+    return 0;
+}
+
+enum class Sleep { kWoken, kTimedOut, kFailed };
+
+// The sleep itself, the only place where a multiple wait can be cancelled.
+// REQUIRES: w->priv.mutex held; cancellation disabled by the caller, whose
+// previous state is `cancelState`.
+int CancellableSleep(MultiWait* w, const struct timespec* deadline, int cancelState) {
+    volatile int rc = 0;  // volatile: lives across the cleanup's setjmp
+    pthread_cleanup_push(MultiWaitCancelled, w);
+    pthread_setcancelstate(cancelState, nullptr);
+    rc = KsplCondWait(&w->priv.condition, &w->priv.mutex, deadline);
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    pthread_cleanup_pop(0);
+    return rc;
+}
+
+// One sleep on the private event, skipped when a signal already came.
+// REQUIRES: cancellation disabled by the caller; w->priv.mutex not held.
+Sleep SleepOnPrivate(MultiWait* w, const struct timespec* deadline, int cancelState) {
+    Sleep result = Sleep::kWoken;
+    pthread_mutex_lock(&w->priv.mutex);
+    if (LoadState(&w->priv) == 0) {
+        int oldType;
+        pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &oldType);
+        int rc = CancellableSleep(w, deadline, cancelState);
+        pthread_setcanceltype(oldType, &oldType);
+        if (rc == ETIMEDOUT) {
+            result = Sleep::kTimedOut;
+        } else if (rc != 0 && rc != EINTR) {
+            result = Sleep::kFailed;
+        }
+    }
+    StoreState(&w->priv, 0);
+    pthread_mutex_unlock(&w->priv.mutex);
+    return result;
+}
+
+}  // namespace
+
+// ----------------------------------------------------------------------------
+// Allocation and destruction
+// ----------------------------------------------------------------------------
+
+KSSTATUS KsoAllocEvent(IKspl* pThis, KSO_EVENT_TYPE EventType, HANDLE* pHandle) {
+    if (!KsplValidInstance(pThis) || pHandle == nullptr || EventType > KsoNotificationEvent) {
+        return KSPL_STATUS(KSPL_CODE_INVALID_PARAM);
+    }
+    *pHandle = nullptr;
+    auto* e = static_cast<KSO_EVENT_HANDLE*>(std::calloc(1, sizeof(KSO_EVENT_HANDLE)));
+    if (e == nullptr) return KSPL_STATUS(KSPL_CODE_FAILURE);
+    InitEventRecord(e, EventType);
+    KsAtomicAdd(&KsplInfo(pThis)->EventInUse, 1u);
+    *pHandle = e;
+    return 0;
+}
+
+KSSTATUS KsoDestroyEvent(IKspl* pThis, HANDLE Handle) {
+    if (!KsplValidInstance(pThis) || !KsplHandleIs(Handle, kSigEvent)) {
+        return KSPL_STATUS(KSPL_CODE_INVALID_HANDLE);
+    }
+    KSO_EVENT_HANDLE* e = AsEvent(Handle);
+    // All or nothing: the event is refused while anyone holds its mutex,
+    // sleeps in a single wait or is registered by a multiple wait; only then
+    // is anything torn down.
+    if (pthread_mutex_trylock(&e->mutex) != 0) return KSPL_STATUS(KSPL_CODE_BUSY);
+    bool inUse = e->singleWaiters != 0 || !KsListEmpty(&e->multiWaitList);
+    pthread_mutex_unlock(&e->mutex);
+    if (inUse || pthread_mutex_destroy(&e->mutex) != 0) return KSPL_STATUS(KSPL_CODE_BUSY);
+    pthread_cond_destroy(&e->condition);
+    KsAtomicSub(&KsplInfo(pThis)->EventInUse, 1u);
+    KsoZeroMemory(pThis, e, sizeof(*e));
+    std::free(e);
+    return 0;
+}
+
+// ----------------------------------------------------------------------------
+// Signal and reset
+// ----------------------------------------------------------------------------
+
+KSSTATUS KsoSignalEvent(IKspl* /*pThis*/, HANDLE Handle, PBOOLEAN pPrevState) {
+    if (!KsplHandleIs(Handle, kSigEvent)) return KSPL_STATUS(KSPL_CODE_INVALID_HANDLE);
+    KSO_EVENT_HANDLE* e = AsEvent(Handle);
+    pthread_mutex_lock(&e->mutex);
+    bool wasSet = LoadState(e) != 0;
+    if (!wasSet) {
+        StoreState(e, 1);
+        // singleWaiters is exact under the mutex: no sleeper, no wake-up due.
+        if (e->singleWaiters != 0) {
+            if (e->type == KsoNotificationEvent) {
+                pthread_cond_broadcast(&e->condition);
+            } else {
+                pthread_cond_signal(&e->condition);
+            }
+        }
+        for (PLIST_ENTRY link = e->multiWaitList.Flink; link != &e->multiWaitList;
+             link = link->Flink) {
+            KSO_EVENT_HANDLE* master = FromSingle(link)->pMasterEvent;
+            if (master == nullptr) continue;
+            pthread_mutex_lock(&master->mutex);
+            if (LoadState(master) == 0) {
+                StoreState(master, 1);
+                pthread_cond_signal(&master->condition);
+            }
+            pthread_mutex_unlock(&master->mutex);
+        }
+    }
+    pthread_mutex_unlock(&e->mutex);
+    if (pPrevState != nullptr) *pPrevState = wasSet ? TRUE : FALSE;
+    return 0;
+}
+
+KSSTATUS KsoResetEvent(IKspl* pThis, HANDLE Handle, PBOOLEAN pPrevState) {
+    if (!KsplHandleIs(Handle, kSigEvent)) return KSPL_STATUS(KSPL_CODE_INVALID_HANDLE);
+    // Lock-free: a reset racing a signal is ordered by the exchange, the
+    // later of the two wins.
+    UINT32 old = KsoInterlockedExchange(pThis, &AsEvent(Handle)->state, 0);
+    if (pPrevState != nullptr) *pPrevState = old != 0 ? TRUE : FALSE;
+    return 0;
+}
+
+// ----------------------------------------------------------------------------
+// Waits
+// ----------------------------------------------------------------------------
+
+KSSTATUS KsoWaitForSingleEvent(IKspl* /*pThis*/, HANDLE Handle, INT64 Timeout) {
+    if (!KsplHandleIs(Handle, kSigEvent)) return KSPL_STATUS(KSPL_CODE_INVALID_HANDLE);
+    if (Timeout < -1) return KSPL_STATUS(KSPL_CODE_INVALID_PARAM);
+    KSO_EVENT_HANDLE* e = AsEvent(Handle);
+    struct timespec deadline;
+    const struct timespec* limit = nullptr;
+    if (Timeout != -1) {
+        KsplDeadline(Timeout, &deadline);
+        limit = &deadline;
+    }
+
+    volatile KSSTATUS result = 0;  // volatile: lives across the cleanup's setjmp
+    int oldType;
+    pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &oldType);
+    pthread_cleanup_push(SingleWaitCancelled, e);
+    pthread_mutex_lock(&e->mutex);
+    ++e->singleWaiters;
+    // Success only for a set event actually seen (and, for a synchronization
+    // event, consumed) here; a wake-up that finds the event clear (another
+    // waiter or a reset was first, or a spurious wake) sleeps again until
+    // the deadline.
+    while (!TakeIfSet(e)) {
+        if (Timeout == 0) {
+            result = KSPL_STATUS_WAIT_TIMEOUT;
+            break;
+        }
+        int rc = KsplCondWait(&e->condition, &e->mutex, limit);
+        if (rc == ETIMEDOUT) {
+            if (TakeIfSet(e)) break;
+            result = KSPL_STATUS_WAIT_TIMEOUT;
+            break;
+        }
+        if (rc != 0 && rc != EINTR) {
+            result = 1;
+            break;
+        }
+    }
+    --e->singleWaiters;
+    pthread_mutex_unlock(&e->mutex);
+    pthread_cleanup_pop(0);
+    pthread_setcanceltype(oldType, &oldType);
+    return result;
+}
+
+KSSTATUS KsoWaitForMultipleEvents(IKspl* pThis, UINT32 Count, HANDLE* Handles, BOOLEAN bWaitAll,
+                                  INT64 Timeout) {
+    if (Count == 0 || Handles == nullptr) return KSPL_STATUS(KSPL_CODE_INVALID_PARAM);
+    if (Count == 1) return KsoWaitForSingleEvent(pThis, Handles[0], Timeout);
+    if (Timeout < -1) return KSPL_STATUS(KSPL_CODE_INVALID_PARAM);
+
+    // Cancellation strikes only while the call sleeps (SleepOnPrivate); a
+    // cancellation anywhere else could leave registrations behind.
+    int cancelState;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
+
+    MultiWait w;
+    w.instance = pThis;
+    InitEventRecord(&w.priv, KsoSynchronizationEvent);
+    KsListInit(&w.registrations);
+
+    // First scan, in array order. Handles are checked as the scan reaches
+    // them, so events before a bad handle may already be consumed.
+    UINT32 failure = 0;  // code of a failure found by the scan
+    bool satisfied = false;
+    bool anyClear = false;
+    UINT32 index = 0;
+    for (UINT32 i = 0; i < Count; ++i) {
+        if (!KsplHandleIs(Handles[i], kSigEvent)) {
+            failure = KSPL_CODE_INVALID_HANDLE;
+            break;
+        }
+        KSO_EVENT_HANDLE* e = AsEvent(Handles[i]);
+        pthread_mutex_lock(&e->mutex);
+        if (TakeIfSet(e)) {
+            pthread_mutex_unlock(&e->mutex);
+            if (bWaitAll) continue;
+            satisfied = true;
+            index = i;
+            break;
+        }
+        anyClear = true;
+        bool registered = Timeout == 0 || Register(&w, e);
+        pthread_mutex_unlock(&e->mutex);
+        if (!registered) {
+            failure = KSPL_CODE_NO_MEMORY;
+            break;
+        }
+    }
+    // Wait-all is satisfied when the scan found every event set.
+    if (failure == 0 && bWaitAll) satisfied = !anyClear;
+
+    bool timedOut = false;
+    if (failure == 0 && !satisfied && Timeout != 0) {
+        struct timespec deadline;
+        const struct timespec* limit = nullptr;
+        if (Timeout != -1) {
+            KsplDeadline(Timeout, &deadline);
+            limit = &deadline;
+        }
+        while (!satisfied) {
+            Sleep slept = SleepOnPrivate(&w, limit, cancelState);
+            // Pass over the registrations in array order. Wait-all consumes
+            // and drops every set event; wait-any takes the first set one
+            // only (taking more would swallow signals it cannot report).
+            PLIST_ENTRY link = w.registrations.Flink;
+            while (link != &w.registrations) {
+                MY_EVENT_LIST_ENTRY* r = FromMaster(link);
+                link = link->Flink;
+                KSO_EVENT_HANDLE* e = r->pSingleEvent;
+                pthread_mutex_lock(&e->mutex);
+                if (TakeIfSet(e)) {
+                    if (!bWaitAll) {
+                        satisfied = true;
+                        index = PositionOf(Handles, Count, e);
+                    }
+                    Unregister(&w, r, true);
+                }
+                pthread_mutex_unlock(&e->mutex);
+                if (satisfied) break;
+            }
+            if (bWaitAll) satisfied = KsListEmpty(&w.registrations);
+            if (satisfied) break;
+            if (slept == Sleep::kTimedOut) {
+                timedOut = true;
+                break;
+            }
+            if (slept == Sleep::kFailed) break;
+        }
+    }
+
+    UnregisterAll(&w);
+    pthread_mutex_destroy(&w.priv.mutex);
+    pthread_cond_destroy(&w.priv.condition);
+    pthread_setcancelstate(cancelState, nullptr);
+
+    if (failure != 0) return KSPL_STATUS(failure);
+    if (satisfied) return bWaitAll ? 0 : index;
+    if (timedOut) return KSPL_STATUS(KSPL_CODE_TIMEOUT);
+    // Timeout 0 and not satisfied, or a sleep that failed outright.
+    return KSPL_STATUS(KSPL_CODE_FAILURE);
+}
