@@ -153,9 +153,9 @@ ORLM_API KSSTATUS OrlmRegisterComponent(const char* pName, ORLM_DLLGETCLASSOBJEC
  * runs exactly once, when the last reference to it is given back (at once
  * when none is outstanding). The release routine receives the attribute and
  * must not call the attribute manager for it. A context exists while it has
- * attributes; it goes away, and its attributes with it, only through
- * OrlmEndSecurityContext, which also calls the context clean-up routine of
- * every kind that had an attribute in it.
+ * attributes. Ending it (OrlmEndSecurityContext) removes all of them at once
+ * and calls the context clean-up routine of every kind that had one there;
+ * removing them one by one calls no clean-up routine.
  *
  * No client routine (init, release, clean-up, compare) runs with the
  * registry locked; an init routine must not reference the attribute it is
