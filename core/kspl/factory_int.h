@@ -1,6 +1,10 @@
 // factory_int.h - the object-manager class factory.
 #pragma once
 #include "kspl_internal.h"
+#include "linux/instance_int.h"
+
+// The static factory record, for the life of the module.
+extern CFInstance IOmClassFactory;
 
 // Answers IID_IUnknown and IID_IClassFactory with the static factory;
 // pThis may be null (class-object lookup).
