@@ -24,10 +24,11 @@ namespace {
 
 constexpr char kUnit[] = "orlm";
 
+// A loaded library, or (handle null) a component registered in-process.
 struct Component {
     std::string path;
     void* handle;
-    ORLM_DLLSTOP stop;
+    ORLM_DLLSTOP stop;  // null for an in-process component without one
     ORLM_DLLGETCLASSOBJECT getClassObject;
     std::vector<GUID> classes;
 };
@@ -113,6 +114,21 @@ KSSTATUS OrlmLoadComponent(const char* pPath) {
     return 0;
 }
 
+KSSTATUS OrlmRegisterComponent(const char* pName, ORLM_DLLGETCLASSOBJECT pGetClassObject,
+                               ORLM_DLLSTOP pStop, const GUID* const* pTable) {
+    if (pName == nullptr || *pName == '\0' || pGetClassObject == nullptr || pTable == nullptr) {
+        return ORLM_FAIL(ORLM_E_INVALIDARG);
+    }
+    Component component{pName, nullptr, pStop, pGetClassObject, {}};
+    for (const GUID* const* p = pTable; *p != nullptr; ++p) component.classes.push_back(**p);
+    std::lock_guard<std::mutex> guard(g_registryMutex);
+    for (const Component& c : g_components) {
+        if (c.path == pName) return 0;
+    }
+    g_components.push_back(std::move(component));
+    return 0;
+}
+
 KSSTATUS OrlmLoadFromEnvironment(void) {
     const char* list = std::getenv("ORLM_COMPONENTS");
     if (list == nullptr) return 0;
@@ -179,8 +195,8 @@ void OrlmUnloadAll(void) {
         components.swap(g_components);
     }
     for (auto it = components.rbegin(); it != components.rend(); ++it) {
-        it->stop();
-        dlclose(it->handle);
+        if (it->stop != nullptr) it->stop();
+        if (it->handle != nullptr) dlclose(it->handle);
     }
 }
 

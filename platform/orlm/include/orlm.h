@@ -112,9 +112,61 @@ ORLM_API KSSTATUS OrlmCreateInstance(const GUID* pClsid, PORLM_IUnknown pUnkOute
  * order of loading. */
 ORLM_API void OrlmUnloadAll(void);
 
+/* Registers a component that is already part of the process (linked in, or
+ * loaded by other means) under pName, as if OrlmLoadComponent had loaded it:
+ * OrlmCreateInstance then finds the classes of pTable (null-terminated) and
+ * asks pGetClassObject for their factories. DllStart is not called (the
+ * caller has started the component); pStop, which may be null, is called by
+ * OrlmUnloadAll. A name that is already registered or loaded succeeds
+ * without a second entry. Null pName, pGetClassObject or pTable: code 4. */
+ORLM_API KSSTATUS OrlmRegisterComponent(const char* pName, ORLM_DLLGETCLASSOBJECT pGetClassObject,
+                                        ORLM_DLLSTOP pStop, const GUID* const* pTable);
+
 /* ------------------------------------------------------------------ */
 /* Security attribute manager                                          */
 /* ------------------------------------------------------------------ */
+
+/*
+ * Class CLSID_SecurityAttributeManager, interfaces IContextAttribute_1 and
+ * IPassiveContextAttribute_1 (both present the ISA table below and behave
+ * alike). Every instance of a process works on one shared registry.
+ *
+ * A security context is named by an SCHANDLE. A component registers an
+ * attribute kind (SARegisterAttribute) and may then attach one attribute of
+ * that kind to each context: a data area of the registered size, zero-filled
+ * and set up by the creator's init routine. Each registration is a kind of
+ * its own, even for a component id registered before, so two registrants
+ * never share attributes.
+ *
+ * References and access. SACreate, SAReference, SAEnumerate and SAAcquire
+ * hand out a reference that carries an access hold until it is given back
+ * (SADereference, SADelete, SARelease): access 1 is exclusive, 2 shared,
+ * 0 none. A request that conflicts with the holds of other threads waits.
+ * The thread that holds exclusive access may reference the attribute again
+ * in either mode (each such reference is given back on its own); a thread
+ * that holds shared access and asks for exclusive waits for itself, so it
+ * must not.
+ *
+ * Lifetime. An attribute stays attached to its context until SADelete, the
+ * end of the context (OrlmEndSecurityContext) or the deregistration of its
+ * kind removes it; removed, it is no longer found, and its release routine
+ * runs exactly once, when the last reference to it is given back (at once
+ * when none is outstanding). The release routine receives the attribute and
+ * must not call the attribute manager for it. A context exists while it has
+ * attributes. Ending it (OrlmEndSecurityContext) removes all of them at once
+ * and calls the context clean-up routine of every kind that had one there;
+ * removing them one by one calls no clean-up routine.
+ *
+ * No client routine (init, release, clean-up, compare) runs with the
+ * registry locked; an init routine must not reference the attribute it is
+ * initialising.
+ *
+ * Failures are built with KsStatusBuild_log, facility ORLM_FACILITY: code 4
+ * for a null or malformed argument, an unknown registration handle or an
+ * attribute pointer this manager did not hand out (or already took back);
+ * code 3 when a context has no attribute of the kind; code 9 at the end of
+ * an enumeration; code 2 for an interface id not offered.
+ */
 
 /* A security context. (-1, -1) names all contexts where an operation says so. */
 typedef struct SCHANDLE {
@@ -132,13 +184,17 @@ typedef struct Attribute {
 typedef Attribute* PAttribute;
 
 /* Access to an attribute while it is referenced. */
+#define SA_ACCESS_NONE 0u
 #define SA_ACCESS_EXCLUSIVE 1u
 #define SA_ACCESS_SHARED 2u
 /* Opened mode reported by SACreate. */
 #define SA_OPENED_CREATED 1u
 #define SA_OPENED_EXISTING 2u
 
-typedef void (*PSA_CONTEXT_CLEANUP_ROUTINE)(SCHANDLE hSC);
+/* The context clean-up routine's result is not looked at; it returns a
+ * status so that a component's KSSTATUS (*)(SCHANDLE) routine can be
+ * registered as it is. */
+typedef KSSTATUS (*PSA_CONTEXT_CLEANUP_ROUTINE)(SCHANDLE hSC);
 typedef void (*PSA_ATTRIBUTE_RELEASE_ROUTINE)(PAttribute pAttribute);
 typedef KSSTATUS (*PSA_ATTRIBUTE_INIT_ROUTINE)(PAttribute pAttribute, void* pInitData);
 typedef BOOLEAN (*PSA_ATTRIBUTE_COMPARE_ROUTINE)(PAttribute pAttribute, void* pCompareData);
@@ -148,30 +204,73 @@ typedef struct ISA ISA;
 typedef struct ISAVtbl {
     KSSTATUS (*QueryInterface)(ISA* This, const GUID* pIId, void** ppInterface);
     UINT32 (*AddRef)(ISA* This);
+    /* The last Release deregisters the kinds this instance registered and
+     * has not deregistered. */
     UINT32 (*Release)(ISA* This);
+    /* Registers a kind: pComponentId (required) names the component,
+     * dataSize the size of each attribute's data area (0 allowed), pCleanup
+     * and pRelease may be null. *phAttribute receives the registration
+     * handle, never null. */
     KSSTATUS (*SARegisterAttribute)(ISA* This, PGUID pComponentId, UINT32 dataSize,
                                     PSA_CONTEXT_CLEANUP_ROUTINE pCleanup,
                                     PSA_ATTRIBUTE_RELEASE_ROUTINE pRelease, PHANDLE phAttribute);
+    /* Removes the kind from every context (release routines as described
+     * above); the handle is invalid afterwards. */
     KSSTATUS (*SADeregisterAttribute)(ISA* This, HANDLE hAttribute);
+    /* Opens the context's attribute of the kind with openAccess
+     * (*pOpenedMode = 2), or creates it: zero-filled data, pInit (may be
+     * null) called once with pInitData, access createAccess, *pOpenedMode = 1.
+     * Of several threads creating at once exactly one creates; the others
+     * wait for its init routine and open. When pInit fails its status is
+     * returned and the attribute is discarded without its release routine.
+     * pOpenedMode may be null. */
     KSSTATUS (*SACreate)(ISA* This, SCHANDLE hSC, HANDLE hAttribute, void* pInitData,
                          PSA_ATTRIBUTE_INIT_ROUTINE pInit, UINT32 createAccess, UINT32 openAccess,
                          PAttribute* ppAttribute, PUINT32 pOpenedMode);
+    /* Gives back a reference taken with `access` and removes the attribute
+     * from its context. */
     KSSTATUS (*SADelete)(ISA* This, UINT32 access, PAttribute pAttribute);
+    /* Finds the context's attribute of the kind and references it with
+     * `access`; code 3 when there is none. An attribute still being
+     * initialised is waited for. */
     KSSTATUS (*SAReference)(ISA* This, SCHANDLE hSC, HANDLE hAttribute, UINT32 access,
                             PAttribute* ppAttribute);
+    /* Gives back a reference taken with `access`. */
     KSSTATUS (*SADereference)(ISA* This, UINT32 access, PAttribute pAttribute);
     KSSTATUS (*SAGetSCHandle)(ISA* This, PAttribute pAttribute, PSCHANDLE phSC);
+    /* Visits, in ascending (hTypeId, hId) order, the contexts that have an
+     * attribute of the kind (hAttribute, or when it is null the first kind
+     * registered for pComponentId) and for which pCompare (may be null)
+     * returns TRUE; each call references the next one with `access`.
+     * phEnum1 and phEnum2 are the caller's cursor, zero-filled to start;
+     * the end is reported with code 9 (and again on every later call). A
+     * context added behind the cursor is not visited; one removed before it
+     * is reached is not visited; every other context is visited once. */
     KSSTATUS (*SAEnumerate)(ISA* This, PGUID pComponentId, HANDLE hAttribute,
                             PSCHANDLE phEnum1, PSCHANDLE phEnum2, void* pCompareData,
                             PSA_ATTRIBUTE_COMPARE_ROUTINE pCompare, UINT32 access,
                             PAttribute* ppAttribute);
+    /* Takes one more reference, with `access`, on an attribute the caller
+     * already references. */
     KSSTATUS (*SAAcquire)(ISA* This, UINT32 access, PAttribute pAttribute);
+    /* Gives back a reference taken with SAAcquire: the calling thread's
+     * exclusive hold if it has one, otherwise a shared one. */
     KSSTATUS (*SARelease)(ISA* This, PAttribute pAttribute);
 } ISAVtbl;
 
 struct ISA {
     const ISAVtbl* lpVtbl;
 };
+
+/* Ends a security context: removes every attribute it has, of every kind
+ * (each release routine runs once, when the last reference to its
+ * attribute is given back), then calls the context clean-up routine of each
+ * kind that had an attribute in it. This is how a context, and whatever a
+ * component keeps in its attributes (for example a security-context object
+ * manager's per-context store), goes away. A context without attributes is
+ * ended at no cost; the call returns 0. A later SACreate for the same
+ * SCHANDLE starts a new context. */
+ORLM_API KSSTATUS OrlmEndSecurityContext(SCHANDLE hSC);
 
 KS_STATIC_ASSERT(sizeof(ISAVtbl) == 13 * sizeof(void*), "ISA has 13 slots");
 KS_STATIC_ASSERT(sizeof(ORLM_IClassFactoryVtbl) == 5 * sizeof(void*), "class factory has 5 slots");
