@@ -1,0 +1,585 @@
+// convert.cpp - conversions between 16-bit units (UCS-2, host order) and
+// the narrow encodings: the reference character routines on iconv, the
+// length protocol of the IKspl conversion services, upper-casing, and the
+// conversions of string lists used by the configuration store.
+//
+// Every routine here is reentrant: each call opens and closes its own iconv
+// descriptors and keeps its buffers on the stack or in the caller's
+// instance. The code page names are fixed by the setup before any caller
+// exists and are read without locks.
+#include <errno.h>
+#include <iconv.h>
+#include <syslog.h>
+
+#include <cctype>
+#include <climits>
+#include <cstdint>
+#include <cstring>
+#include <cwctype>
+
+#include "../memory_int.h"
+#include "convert_int.h"
+#include "dbg_int.h"
+#include "locale_int.h"
+#include "stdio_int.h"
+
+KSPL_SOURCE_UNIT("convert");
+
+namespace {
+
+constexpr const char kWideCodeSet[] = "UNICODE";
+constexpr const char kUtf8CodeSet[] = "UTF-8";
+const iconv_t kNoDescriptor = reinterpret_cast<iconv_t>(-1);
+constexpr size_t kIconvFailed = static_cast<size_t>(-1);
+
+// Separators that never pass through iconv, so that paths survive every
+// code page unchanged.
+inline bool IsPathSeparator(unsigned v) { return v == ':' || v == '\\' || v == '/'; }
+
+// One descriptor per call; closed on every path.
+class Descriptor {
+public:
+    Descriptor(const char* to, const char* from)
+        : cd_(to != nullptr && from != nullptr ? iconv_open(to, from) : kNoDescriptor) {}
+    ~Descriptor() {
+        if (cd_ != kNoDescriptor) iconv_close(cd_);
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    bool ok() const { return cd_ != kNoDescriptor; }
+
+    // One iconv call over the whole input; returns the output bytes
+    // produced, or -1 on failure (errno as iconv left it).
+    int Convert(const void* in, size_t inBytes, void* out, size_t outBytes) {
+        char* inPtr = const_cast<char*>(static_cast<const char*>(in));
+        char* outPtr = static_cast<char*>(out);
+        size_t outLeft = outBytes;
+        if (iconv(cd_, &inPtr, &inBytes, &outPtr, &outLeft) == kIconvFailed) return -1;
+        return static_cast<int>(outBytes - outLeft);
+    }
+
+private:
+    iconv_t cd_;
+};
+
+// The 16-bit unit of a conversion to "UNICODE" of one character followed
+// by a NUL. A descriptor puts a byte-order mark ahead of its first output,
+// so the first successful call yields mark, unit, 0 and later calls unit, 0.
+inline bool TakeWideUnit(const unsigned char* out, int bytes, bool firstOutput, WCHAR* unit) {
+    WCHAR units[3];
+    if (bytes != 4 && bytes != 6) return false;
+    std::memcpy(units, out, static_cast<size_t>(bytes));
+    *unit = bytes == 6 && firstOutput ? units[1] : units[0];
+    return true;
+}
+
+int HexValue(unsigned char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    return std::tolower(c) - 87;
+}
+
+inline int Fail(int* pOut) {
+    *pOut = 0;
+    return -1;
+}
+
+}  // namespace
+
+int KsplRefUtf8SeqLen(char firstSeqByte) {
+    unsigned v = static_cast<unsigned char>(firstSeqByte);
+    int ones = 0;
+    while (ones < 7 && (v & 0x80u) != 0) {
+        ++ones;
+        v <<= 1;
+    }
+    return ones <= 1 ? 1 : ones;
+}
+
+int KsplRefLocToUni(char* pCodePage, BOOLEAN codePageSupportsEuro, char* pInMulti,
+                    int inMultiChars, WCHAR* pOutWide, int* pOutWideChars) {
+    Descriptor cd(kWideCodeSet, pCodePage);
+    if (!cd.ok()) {
+        KsplLog(LOG_USER | LOG_ERR, "LocToUni: Unable to open conversion descriptor\n");
+        return inMultiChars != 0 ? Fail(pOutWideChars) : (*pOutWideChars = 0, 0);
+    }
+    if (inMultiChars <= 0) {
+        *pOutWideChars = 0;
+        return 0;
+    }
+    const int capacity = *pOutWideChars;
+    if (capacity <= 0) return Fail(pOutWideChars);
+
+    const auto* in = reinterpret_cast<const unsigned char*>(pInMulti);
+    int pos = 0;
+    int produced = 0;
+    bool firstOutput = true;
+    while (pos < inMultiChars) {
+        const unsigned char b = in[pos];
+        const int left = inMultiChars - pos;
+        WCHAR unit;
+        if (IsPathSeparator(b)) {
+            unit = b;
+            pos += 1;
+        } else if (b == '[' && left >= 6 && in[pos + 5] == ']') {
+            unsigned value = 0;
+            for (int d = 1; d <= 4; ++d) value = value * 16u + static_cast<unsigned>(HexValue(in[pos + d]));
+            unit = static_cast<WCHAR>(value & 0xFFFFu);
+            pos += 6;
+        } else if (b == '[') {
+            unit = '[';
+            pos += 1;
+        } else if (b == 0xCC && !codePageSupportsEuro) {
+            unit = 0x20AC;
+            pos += 1;
+        } else {
+            // Grow the byte sequence until iconv accepts it as one
+            // character; the trailing NUL marks its end.
+            int k = 1;
+            for (;;) {
+                unsigned char src[4] = {};
+                unsigned char dst[6];
+                std::memcpy(src, in + pos, static_cast<size_t>(k));
+                int bytes = cd.Convert(src, static_cast<size_t>(k) + 1, dst, sizeof(dst));
+                if (bytes >= 0) {
+                    if (!TakeWideUnit(dst, bytes, firstOutput, &unit)) return Fail(pOutWideChars);
+                    firstOutput = false;
+                    break;
+                }
+                if ((errno == EINVAL || errno == EILSEQ) && k < 3 && left >= k + 1) {
+                    ++k;
+                    continue;
+                }
+                return Fail(pOutWideChars);
+            }
+            pos += k;
+        }
+        pOutWide[produced++] = unit;
+        if (pos < inMultiChars && produced >= capacity) return Fail(pOutWideChars);
+    }
+    *pOutWideChars = produced;
+    return 0;
+}
+
+int KsplRefUtf8ToUni(char* pInMulti, int inMultiChars, WCHAR* pOutWide, int* pOutWideChars) {
+    Descriptor cd(kWideCodeSet, kUtf8CodeSet);
+    if (!cd.ok()) {
+        KsplLog(LOG_USER | LOG_ERR, "Utf8ToUni: Unable to open conversion descriptor\n");
+        return inMultiChars != 0 ? Fail(pOutWideChars) : (*pOutWideChars = 0, 0);
+    }
+    if (inMultiChars <= 0) {
+        *pOutWideChars = 0;
+        return 0;
+    }
+    const int capacity = *pOutWideChars;
+    if (capacity <= 0) return Fail(pOutWideChars);
+
+    int pos = 0;
+    int produced = 0;
+    while (pos < inMultiChars) {
+        const int len = KsplRefUtf8SeqLen(pInMulti[pos]);
+        if (len > inMultiChars - pos) return Fail(pOutWideChars);
+        unsigned char src[8] = {};
+        unsigned char dst[6];
+        std::memcpy(src, pInMulti + pos, static_cast<size_t>(len));
+        int bytes = cd.Convert(src, static_cast<size_t>(len) + 1, dst, sizeof(dst));
+        WCHAR unit;
+        if (bytes < 0 || !TakeWideUnit(dst, bytes, pos == 0, &unit)) return Fail(pOutWideChars);
+        pOutWide[produced++] = unit;
+        pos += len;
+        if (pos < inMultiChars && produced >= capacity) return Fail(pOutWideChars);
+    }
+    *pOutWideChars = produced;
+    return 0;
+}
+
+int KsplRefUniToLoc(char* pCodePage, WCHAR* pInWide, int inWideChars, char* pOutMulti,
+                    int* pOutMultiChars) {
+    static constexpr char kHex[] = "0123456789ABCDEF";
+    Descriptor cd(pCodePage, kWideCodeSet);
+    if (!cd.ok()) {
+        KsplLog(LOG_USER | LOG_ERR, "UniToLoc: Unable to open conversion descriptor\n");
+        return inWideChars != 0 ? Fail(pOutMultiChars) : (*pOutMultiChars = 0, 0);
+    }
+    if (inWideChars <= 0) {
+        *pOutMultiChars = 0;
+        return 0;
+    }
+    const int capacity = *pOutMultiChars;
+    if (capacity <= 0) return Fail(pOutMultiChars);
+
+    int pos = 0;
+    int produced = 0;
+    while (pos < inWideChars && produced < capacity) {
+        const WCHAR u = pInWide[pos];
+        if (IsPathSeparator(u)) {
+            pOutMulti[produced++] = static_cast<char>(u);
+        } else {
+            const WCHAR src[2] = {u, 0};
+            char dst[4];
+            int bytes = cd.Convert(src, sizeof(src), dst, sizeof(dst));
+            if (bytes >= 1) {
+                // The last byte is the NUL's; a unit that yields no byte of
+                // its own (a leading byte-order mark) produces nothing.
+                const int own = bytes - 1;
+                if (produced + own > capacity) return Fail(pOutMultiChars);
+                std::memcpy(pOutMulti + produced, dst, static_cast<size_t>(own));
+                produced += own;
+            } else if (u == 0x20AC) {
+                pOutMulti[produced++] = static_cast<char>(0xCC);
+            } else if (produced + 5 < capacity) {
+                char* o = pOutMulti + produced;
+                o[0] = '[';
+                o[1] = kHex[(u >> 12) & 0xF];
+                o[2] = kHex[(u >> 8) & 0xF];
+                o[3] = kHex[(u >> 4) & 0xF];
+                o[4] = kHex[u & 0xF];
+                o[5] = ']';
+                produced += 6;
+            } else {
+                return Fail(pOutMultiChars);
+            }
+        }
+        ++pos;
+    }
+    if (pos < inWideChars) return Fail(pOutMultiChars);
+    *pOutMultiChars = produced;
+    return 0;
+}
+
+int KsplRefUniToUtf8(WCHAR* pInWide, int inWideChars, char* pOutMulti, int* pOutMultiChars) {
+    Descriptor cd(kUtf8CodeSet, kWideCodeSet);
+    if (!cd.ok()) {
+        KsplLog(LOG_USER | LOG_ERR, "UniToUtf8: Unable to open conversion descriptor\n");
+        return inWideChars != 0 ? Fail(pOutMultiChars) : (*pOutMultiChars = 0, 0);
+    }
+    const int capacity = *pOutMultiChars;
+    int produced = 0;
+    for (int pos = 0; pos < inWideChars; ++pos) {
+        const WCHAR src[2] = {pInWide[pos], 0};
+        char dst[8];
+        int bytes = cd.Convert(src, sizeof(src), dst, sizeof(dst));
+        if (bytes < 1 || bytes > 7) return Fail(pOutMultiChars);
+        const int own = bytes - 1;
+        // One byte of the capacity always stays free.
+        if (produced + own >= capacity) return Fail(pOutMultiChars);
+        std::memcpy(pOutMulti + produced, dst, static_cast<size_t>(own));
+        produced += own;
+    }
+    *pOutMultiChars = produced;
+    return 0;
+}
+
+const KsplConvRoutines kKsplRefConvRoutines = {KsplRefLocToUni, KsplRefUtf8ToUni, KsplRefUniToLoc,
+                                               KsplRefUniToUtf8};
+
+namespace {
+
+// The narrow side selected by a CodePage argument.
+struct NarrowSide {
+    bool valid;
+    bool utf8;
+    char* name;
+    BOOLEAN euro;
+};
+
+NarrowSide SelectNarrowSide(UINT32 codePage) {
+    switch (codePage) {
+        case 1:
+        case 4:
+            return {true, false, g_pAnsiCodePage, g_ansiCodePageSupportsEuro};
+        case 2:
+        case 5:
+            return {true, false, g_pOemCodePage, g_oemCodePageSupportsEuro};
+        case 3:
+            return {true, true, nullptr, FALSE};
+        default:
+            return {false, false, nullptr, FALSE};
+    }
+}
+
+// Work buffers of the services: a stack area for results of up to
+// kStackWork bytes, paged memory of the calling instance above that.
+constexpr size_t kStackWork = 512;
+
+class WorkBuffer {
+public:
+    explicit WorkBuffer(IKspl* pThis) : pThis_(pThis) {}
+    ~WorkBuffer() {
+        if (paged_ != nullptr) KsoFreeMemory(pThis_, paged_);
+    }
+    WorkBuffer(const WorkBuffer&) = delete;
+    WorkBuffer& operator=(const WorkBuffer&) = delete;
+
+    // Null when a paged buffer was needed and could not be had.
+    void* Get(uint64_t bytes) {
+        if (bytes <= kStackWork) return stack_;
+        if (bytes > UINT32_MAX) return nullptr;
+        paged_ = KsoAllocPagedMemory(pThis_, static_cast<UINT32>(bytes));
+        return paged_;
+    }
+
+private:
+    IKspl* pThis_;
+    void* paged_ = nullptr;
+    alignas(8) unsigned char stack_[kStackWork];
+};
+
+inline int ClampToInt(uint64_t v) { return v > INT_MAX ? INT_MAX : static_cast<int>(v); }
+
+// The outcome of a conversion against the caller's capacity: a length
+// query or a capacity above the result gets the result and a terminator;
+// an exact fit no terminator; a smaller capacity a truncated copy.
+struct Fit {
+    UINT32 count;
+    bool terminator;
+    bool truncated;
+};
+
+inline Fit FitResult(UINT32 produced, UINT32 capacity) {
+    if (capacity == 0 || capacity > produced) return {produced, true, false};
+    if (capacity == produced) return {produced, false, false};
+    return {capacity, false, true};
+}
+
+}  // namespace
+
+KSSTATUS KsplMultiByteToWideCharWith(const KsplConvRoutines* routines, IKspl* pThis,
+                                     UINT32 CodePage, PCHAR pMultiByteStr, INT32 MultiByteStrLen,
+                                     PWCHAR pWideCharStr, PUINT32 pWideCharStrLen) {
+    static constexpr char kFn[] = "KsoMultiByteToWideChar";
+    if (pMultiByteStr == nullptr || MultiByteStrLen == 0 || MultiByteStrLen < -1 ||
+        pWideCharStrLen == nullptr) {
+        return KSPL_STATUS_AS(KSPL_FACILITY, KSPL_CODE_INVALID_PARAM, kFn);
+    }
+    uint64_t n;
+    if (MultiByteStrLen == -1) {
+        n = KsoStrlen(pThis, pMultiByteStr);
+    } else {
+        n = static_cast<uint64_t>(MultiByteStrLen);
+        if (pMultiByteStr[n - 1] == '\0') --n;
+    }
+    // One input byte never yields more than one unit; one more for the NUL.
+    const uint64_t work = 2 * n + 2;
+    const UINT32 capacity = *pWideCharStrLen;
+    const bool lengthOnly = pWideCharStr == nullptr || capacity == 0;
+
+    WorkBuffer buffer(pThis);
+    WCHAR* out;
+    if (!lengthOnly && work <= 2ull * capacity) {
+        out = pWideCharStr;
+    } else {
+        out = static_cast<WCHAR*>(buffer.Get(work));
+        if (out == nullptr) return KSPL_STATUS_AS(KSPL_FACILITY, KSPL_CODE_NO_MEMORY, kFn);
+    }
+
+    const NarrowSide side = SelectNarrowSide(CodePage);
+    if (!side.valid) return KSPL_STATUS_AS(KSPL_FACILITY, KSPL_CODE_INVALID_PARAM, kFn);
+    const int inCount = ClampToInt(n);
+    int produced = ClampToInt(n + 1);
+    const int rc = side.utf8 ? routines->utf8ToUni(pMultiByteStr, inCount, out, &produced)
+                             : routines->locToUni(side.name, side.euro, pMultiByteStr, inCount,
+                                                  out, &produced);
+    if (rc == -1) return KSPL_STATUS_AS(KSPL_FACILITY, KSPL_CODE_FAILURE, kFn);
+
+    const UINT32 r = static_cast<UINT32>(produced);
+    const Fit fit = FitResult(r, capacity);
+    if (lengthOnly) {
+        *pWideCharStrLen = fit.count + 1;
+    } else {
+        if (out != pWideCharStr) std::memcpy(pWideCharStr, out, fit.count * sizeof(WCHAR));
+        if (fit.terminator) pWideCharStr[r] = 0;
+        *pWideCharStrLen = fit.count;
+    }
+    return fit.truncated ? KSPL_STATUS_AS(KSPL_FACILITY, KSPL_CODE_BUFFER_SMALL, kFn) : 0;
+}
+
+KSSTATUS KsplWideCharToMultiByteWith(const KsplConvRoutines* routines, IKspl* pThis,
+                                     UINT32 CodePage, PWCHAR pWideCharStr, INT32 WideCharStrLen,
+                                     PCHAR pMultiByteStr, PUINT32 pMultiByteStrLen) {
+    static constexpr char kFn[] = "KsoWideCharToMultiByte";
+    if (pWideCharStr == nullptr || WideCharStrLen == 0 || WideCharStrLen < -1 ||
+        pMultiByteStrLen == nullptr) {
+        return KSPL_STATUS_AS(KSPL_FACILITY, KSPL_CODE_INVALID_PARAM, kFn);
+    }
+    uint64_t n;
+    if (WideCharStrLen == -1) {
+        n = KsoStrlenW(pThis, pWideCharStr);
+    } else {
+        n = static_cast<uint64_t>(WideCharStrLen);
+        if (pWideCharStr[n - 1] == 0) --n;
+    }
+    // Worst case per unit: a six-byte escape, with room to spare for the
+    // capacity tests of the character routines.
+    const uint64_t work = 12 * n;
+    const UINT32 capacity = *pMultiByteStrLen;
+    const bool lengthOnly = pMultiByteStr == nullptr || capacity == 0;
+
+    WorkBuffer buffer(pThis);
+    char* out;
+    if (!lengthOnly && work <= capacity) {
+        out = pMultiByteStr;
+    } else {
+        out = static_cast<char*>(buffer.Get(work));
+        if (out == nullptr) return KSPL_STATUS_AS(KSPL_FACILITY, KSPL_CODE_NO_MEMORY, kFn);
+    }
+
+    const NarrowSide side = SelectNarrowSide(CodePage);
+    if (!side.valid) return KSPL_STATUS_AS(KSPL_FACILITY, KSPL_CODE_INVALID_PARAM, kFn);
+    const int inCount = ClampToInt(n);
+    int produced = ClampToInt(work);
+    const int rc = side.utf8 ? routines->uniToUtf8(pWideCharStr, inCount, out, &produced)
+                             : routines->uniToLoc(side.name, pWideCharStr, inCount, out, &produced);
+    if (rc == -1) return KSPL_STATUS_AS(KSPL_FACILITY, KSPL_CODE_FAILURE, kFn);
+
+    const UINT32 r = static_cast<UINT32>(produced);
+    const Fit fit = FitResult(r, capacity);
+    if (lengthOnly) {
+        *pMultiByteStrLen = fit.count + 1;
+    } else {
+        if (out != pMultiByteStr) std::memcpy(pMultiByteStr, out, fit.count);
+        if (fit.terminator) pMultiByteStr[r] = '\0';
+        *pMultiByteStrLen = fit.count;
+    }
+    return fit.truncated ? KSPL_STATUS_AS(KSPL_FACILITY, KSPL_CODE_BUFFER_SMALL, kFn) : 0;
+}
+
+KSSTATUS KsplRefMultiByteToWideChar(IKspl* pThis, UINT32 CodePage, PCHAR pMultiByteStr,
+                                    INT32 MultiByteStrLen, PWCHAR pWideCharStr,
+                                    PUINT32 pWideCharStrLen) {
+    return KsplMultiByteToWideCharWith(&kKsplRefConvRoutines, pThis, CodePage, pMultiByteStr,
+                                       MultiByteStrLen, pWideCharStr, pWideCharStrLen);
+}
+
+KSSTATUS KsplRefWideCharToMultiByte(IKspl* pThis, UINT32 CodePage, PWCHAR pWideCharStr,
+                                    INT32 WideCharStrLen, PCHAR pMultiByteStr,
+                                    PUINT32 pMultiByteStrLen) {
+    return KsplWideCharToMultiByteWith(&kKsplRefConvRoutines, pThis, CodePage, pWideCharStr,
+                                       WideCharStrLen, pMultiByteStr, pMultiByteStrLen);
+}
+
+KSSTATUS KsplRefCharUpperBuff(IKspl* /*pThis*/, UINT32 Length, PWCHAR pWideStr) {
+    static constexpr char kFn[] = "KsoCharUpperBuff";
+    if (Length == 0 || pWideStr == nullptr) {
+        return KSPL_STATUS_AS(KSPL_FACILITY, KSPL_CODE_INVALID_PARAM, kFn);
+    }
+    // Byte classification in the process locale for the units it is
+    // defined for, the wide-character classification above them.
+    for (UINT32 i = Length; i-- > 0;) {
+        const WCHAR u = pWideStr[i];
+        const bool alnum = u <= 0xFF ? std::isalnum(u) != 0 : std::iswalnum(u) != 0;
+        if (alnum) pWideStr[i] = static_cast<WCHAR>(std::towupper(u));
+    }
+    return 0;
+}
+
+// The IKspl services and the exported routines.
+
+KSSTATUS KsoCharUpperBuff(IKspl* pThis, UINT32 Length, PWCHAR pWideStr) {
+    return KsplRefCharUpperBuff(pThis, Length, pWideStr);
+}
+
+KSSTATUS KsoMultiByteToWideChar(IKspl* pThis, UINT32 CodePage, PCHAR pMultiByteStr,
+                                INT32 MultiByteStrLen, PWCHAR pWideCharStr,
+                                PUINT32 pWideCharStrLen) {
+    return KsplRefMultiByteToWideChar(pThis, CodePage, pMultiByteStr, MultiByteStrLen,
+                                      pWideCharStr, pWideCharStrLen);
+}
+
+KSSTATUS KsoWideCharToMultiByte(IKspl* pThis, UINT32 CodePage, PWCHAR pWideCharStr,
+                                INT32 WideCharStrLen, PCHAR pMultiByteStr,
+                                PUINT32 pMultiByteStrLen) {
+    return KsplRefWideCharToMultiByte(pThis, CodePage, pWideCharStr, WideCharStrLen,
+                                      pMultiByteStr, pMultiByteStrLen);
+}
+
+int LocToUni(char* pCodePage, BOOLEAN codePageSupportsEuro, char* pInMulti, int inMultiChars,
+             WCHAR* pOutWide, int* pOutWideChars) {
+    return KsplRefLocToUni(pCodePage, codePageSupportsEuro, pInMulti, inMultiChars, pOutWide,
+                           pOutWideChars);
+}
+
+int Utf8ToUni(char* pInMulti, int inMultiChars, WCHAR* pOutWide, int* pOutWideChars) {
+    return KsplRefUtf8ToUni(pInMulti, inMultiChars, pOutWide, pOutWideChars);
+}
+
+int UniToLoc(char* pCodePage, WCHAR* pInWide, int inWideChars, char* pOutMulti,
+             int* pOutMultiChars) {
+    return KsplRefUniToLoc(pCodePage, pInWide, inWideChars, pOutMulti, pOutMultiChars);
+}
+
+int UniToUtf8(WCHAR* pInWide, int inWideChars, char* pOutMulti, int* pOutMultiChars) {
+    return KsplRefUniToUtf8(pInWide, inWideChars, pOutMulti, pOutMultiChars);
+}
+
+int Utf8SeqLen(char firstSeqByte) { return KsplRefUtf8SeqLen(firstSeqByte); }
+
+// List conversions: one string, or (Multiple exactly TRUE) a list of
+// NUL-terminated strings ended by an empty one. The converted list keeps
+// one unit free for its own terminator. On failure the length stays as it
+// was; what was written so far stays in the output.
+
+KSSTATUS WideCharToMultiByteMultiple(IKspl* pThis, UINT32 CodePage, BOOLEAN Multiple,
+                                     PWCHAR WideStr, INT32 /*WideStrLen*/, PCHAR Str,
+                                     PUINT32 pStrLen) {
+    if (WideStr == nullptr || Str == nullptr || pStrLen == nullptr) {
+        return KSPL_STATUS(KSPL_CODE_INVALID_PARAM);
+    }
+    char* const end = Str + *pStrLen;
+    char* pos = Str;
+    const WCHAR* in = WideStr;
+    while (*in != 0) {
+        if (pos >= end) return KSPL_STATUS(KSPL_CODE_BUFFER_SMALL);
+        UINT32 len = static_cast<UINT32>(end - pos);
+        KSSTATUS st = KsoWideCharToMultiByte(pThis, CodePage, const_cast<WCHAR*>(in), -1, pos, &len);
+        if (st != 0) return st;
+        if (len >= static_cast<UINT32>(end - pos) - 1) return KSPL_STATUS(KSPL_CODE_BUFFER_SMALL);
+        pos[len] = '\0';
+        pos += len + 1;
+        if (Multiple != TRUE) {
+            *pStrLen = static_cast<UINT32>(pos - Str);
+            return 0;
+        }
+        in += KsoStrlenW(pThis, const_cast<WCHAR*>(in)) + 1;
+    }
+    if (Multiple != TRUE) {
+        *pStrLen = 0;
+        return 0;
+    }
+    if (pos >= end) return KSPL_STATUS(KSPL_CODE_BUFFER_SMALL);
+    *pos++ = '\0';
+    *pStrLen = static_cast<UINT32>(pos - Str);
+    return 0;
+}
+
+KSSTATUS KsoMultiByteToWideCharMultiple(IKspl* pThis, UINT32 CodePage, BOOLEAN Multiple,
+                                        PCHAR pMultiByteStr, INT32 /*MultiByteStrLen*/,
+                                        PWCHAR pWideCharStr, PUINT32 pWideCharStrLen) {
+    if (pMultiByteStr == nullptr || pWideCharStr == nullptr || pWideCharStrLen == nullptr) {
+        return KSPL_STATUS(KSPL_CODE_INVALID_PARAM);
+    }
+    WCHAR* const end = pWideCharStr + *pWideCharStrLen;
+    WCHAR* pos = pWideCharStr;
+    const char* in = pMultiByteStr;
+    while (*in != '\0') {
+        if (pos >= end) return KSPL_STATUS(KSPL_CODE_BUFFER_SMALL);
+        UINT32 len = static_cast<UINT32>(end - pos);
+        KSSTATUS st = KsoMultiByteToWideChar(pThis, CodePage, const_cast<char*>(in), -1, pos, &len);
+        if (st != 0) return st;
+        if (len >= static_cast<UINT32>(end - pos) - 1) return KSPL_STATUS(KSPL_CODE_BUFFER_SMALL);
+        pos[len] = 0;
+        pos += len + 1;
+        if (Multiple != TRUE) {
+            *pWideCharStrLen = static_cast<UINT32>(pos - pWideCharStr);
+            return 0;
+        }
+        in += std::strlen(in) + 1;
+    }
+    if (Multiple != TRUE) {
+        *pWideCharStrLen = 0;
+        return 0;
+    }
+    if (pos >= end) return KSPL_STATUS(KSPL_CODE_BUFFER_SMALL);
+    *pos++ = 0;
+    *pWideCharStrLen = static_cast<UINT32>(pos - pWideCharStr);
+    return 0;
+}
