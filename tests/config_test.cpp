@@ -172,7 +172,7 @@ TEST_F(ConfigTest, KeyNameLimitIs239OemBytes) {
 TEST_F(ConfigTest, CloseDeleteAndCounts) {
     HANDLE parent = Create(u"Del");
     HANDLE child = Create(u"Del\\Child");
-    UINT32 bogus[8] = {};
+    UINT32 bogus[32] = {};  // larger than any record header, signature 0
     EXPECT_EQ(v->KsoCloseKey(nullptr, child), KsplErr(3));
     EXPECT_EQ(v->KsoCloseKey(reinterpret_cast<IKspl*>(bogus), child), KsplErr(3));
     EXPECT_EQ(v->KsoCloseKey(k, nullptr), KsplErr(3));
