@@ -8,6 +8,36 @@
 
 #include "kspl.h"
 
+/* Demos of the service families (demo_<service>.c). */
+void demo_sync(IKspl* k);
+void demo_schedule(IKspl* k);
+void demo_convert(IKspl* k);
+void demo_config(IKspl* k);
+void demo_object(IKspl* k);
+void demo_scobject(IKspl* k);
+
+static void run_demos(IKspl* k) {
+#ifdef KSPL_HAVE_DEMO_SYNC
+    demo_sync(k);
+#endif
+#ifdef KSPL_HAVE_DEMO_SCHEDULE
+    demo_schedule(k);
+#endif
+#ifdef KSPL_HAVE_DEMO_CONVERT
+    demo_convert(k);
+#endif
+#ifdef KSPL_HAVE_DEMO_CONFIG
+    demo_config(k);
+#endif
+#ifdef KSPL_HAVE_DEMO_OBJECT
+    demo_object(k);
+#endif
+#ifdef KSPL_HAVE_DEMO_SCOBJECT
+    demo_scobject(k);
+#endif
+    (void)k;
+}
+
 static void print_statistics(IKspl* k) {
     const IKsplVtbl* v = k->lpVtbl;
     UINT32 size = 0;
@@ -88,6 +118,7 @@ int main(int argc, char** argv) {
         nonpaged = other->lpVtbl->KsoAllocNonPagedMemory(other, 100);
     }
 
+    run_demos(k);
     print_statistics(k);
 
     if (other != NULL) {

@@ -9,8 +9,8 @@ set(actual "")
 foreach(line ${lines})
   if(line MATCHES "^[0-9a-fA-F]+ [A-Za-z] (.+)$")
     set(sym "${CMAKE_MATCH_1}")
-    # Symbols the toolchain adds by itself.
-    if(NOT sym MATCHES "^(_init|_fini|_edata|_end|__bss_start)$")
+    # Symbols the toolchain and the sanitizers add by themselves.
+    if(NOT sym MATCHES "^(_init|_fini|_edata|_end|__bss_start)$" AND NOT sym MATCHES "^__(odr_)?(asan|ubsan|tsan)")
       list(APPEND actual "${sym}")
     endif()
   endif()

@@ -108,6 +108,12 @@ inline UINT32 KsAtomicSub(UINT32* p, UINT32 delta) {
 inline INT32 KsAtomicAdd(INT32* p, INT32 delta) {
     return __atomic_add_fetch(p, delta, __ATOMIC_SEQ_CST);
 }
+// Update of a counter whose writers are serialised by a lock while readers
+// read it without one: a plain (not locked) read-modify-write made of
+// atomic accesses.
+inline void KsCounterAdd(UINT32* p, UINT32 delta) {
+    __atomic_store_n(p, __atomic_load_n(p, __ATOMIC_RELAXED) + delta, __ATOMIC_RELAXED);
+}
 inline UINT32 KsAtomicLoad(const UINT32* p) { return __atomic_load_n(p, __ATOMIC_RELAXED); }
 inline INT32 KsAtomicLoad(const INT32* p) { return __atomic_load_n(p, __ATOMIC_SEQ_CST); }
 

@@ -60,8 +60,8 @@ PVOID AllocTracked(IKspl* pThis, UINT32 Size, UINT32 poolType) {
     {
         KsMutexGuard guard(pool.lock);
         KsListInsertTail(pool.list, &header->Link);
-        KsAtomicAdd(pool.inUse, Size);
-        KsAtomicAdd(pool.total, Size);
+        KsCounterAdd(pool.inUse, Size);
+        KsCounterAdd(pool.total, Size);
     }
     return user;
 }
@@ -100,7 +100,7 @@ KSSTATUS KsoFreeMemory(IKspl* pThis, PVOID pMemory) {
     {
         KsMutexGuard guard(pool.lock);
         KsListRemove(&header->Link);
-        KsAtomicSub(pool.inUse, header->Size);
+        KsCounterAdd(pool.inUse, 0u - header->Size);
     }
     // The block is unreachable now: clear the header so that a second
     // release of the same pointer no longer finds 'MEM '.

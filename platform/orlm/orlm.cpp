@@ -1,9 +1,11 @@
 // orlm.cpp - the component runtime: status builder, component loading and
 // instance creation by class id.
 //
-// Lock order: g_registryMutex is a leaf lock. It is never held while a
-// component's code runs (DllStart, DllGetClassObject, factories, DllStop),
-// because components call back into the runtime from those.
+// Lock order: g_loadMutex, then g_registryMutex. g_loadMutex serialises
+// loading so that a component is started once even when several threads load
+// it at once; it is recursive because a component's DllStart may load
+// others. g_registryMutex is a leaf lock, never held while a component's code
+// runs (DllStart, DllGetClassObject, factories, DllStop).
 #include <dlfcn.h>
 #include <syslog.h>
 
@@ -30,6 +32,7 @@ struct Component {
     std::vector<GUID> classes;
 };
 
+std::recursive_mutex g_loadMutex;
 std::mutex g_registryMutex;  // guards g_components
 std::vector<Component> g_components;
 std::once_flag g_envOnce;
@@ -69,6 +72,7 @@ void KsStatusSetObserver(ORLM_STATUS_OBSERVER pObserver, void* pContext) {
 
 KSSTATUS OrlmLoadComponent(const char* pPath) {
     if (pPath == nullptr || *pPath == '\0') return ORLM_FAIL(ORLM_E_INVALIDARG);
+    std::lock_guard<std::recursive_mutex> loading(g_loadMutex);
     {
         std::lock_guard<std::mutex> guard(g_registryMutex);
         for (const Component& c : g_components) {
@@ -105,14 +109,6 @@ KSSTATUS OrlmLoadComponent(const char* pPath) {
     for (const GUID* const* p = table; *p != nullptr; ++p) component.classes.push_back(**p);
 
     std::lock_guard<std::mutex> guard(g_registryMutex);
-    for (const Component& c : g_components) {
-        if (c.path == pPath) {
-            // Another thread loaded the same path meanwhile; dlopen counted
-            // our reference, so dropping it keeps the library loaded once.
-            dlclose(handle);
-            return 0;
-        }
-    }
     g_components.push_back(std::move(component));
     return 0;
 }

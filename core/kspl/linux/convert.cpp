@@ -217,10 +217,10 @@ int KsplRefUniToLoc(char* pCodePage, WCHAR* pInWide, int inWideChars, char* pOut
             const WCHAR src[2] = {u, 0};
             char dst[4];
             int bytes = cd.Convert(src, sizeof(src), dst, sizeof(dst));
-            if (bytes >= 1) {
+            if (bytes >= 0) {
                 // The last byte is the NUL's; a unit that yields no byte of
                 // its own (a leading byte-order mark) produces nothing.
-                const int own = bytes - 1;
+                const int own = bytes > 0 ? bytes - 1 : 0;
                 if (produced + own > capacity) return Fail(pOutMultiChars);
                 std::memcpy(pOutMulti + produced, dst, static_cast<size_t>(own));
                 produced += own;

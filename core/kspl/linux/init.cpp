@@ -13,6 +13,7 @@
 #include "../linklist_int.h"
 #include "kspl_guids.h"
 #include "dbg_int.h"
+#include "init_int.h"
 #include "instance_int.h"
 
 KSPL_SOURCE_UNIT("init");
@@ -53,6 +54,12 @@ INT32 g_KsplMaxFiles = 0;
 UINT32 g_ulCount = 0;
 IKspl* pIKspl = nullptr;
 }  // extern "C"
+
+KsplInitHooks g_ksplInitHooks;
+
+static bool KsplInjectedFailure(KsplInitStep step) {
+    return g_ksplInitHooks.failStep.load(std::memory_order_relaxed) == static_cast<int>(step);
+}
 
 // The fork handler is registered once per process; a retried
 // initialisation does not register it again.
@@ -113,6 +120,7 @@ static KSSTATUS KsplInitialize() {
     static constexpr char kFn[] = "KsplInitialize";
     KSSTATUS status = 0;
     int forkRc = 0;
+    g_ksplInitHooks.runs.fetch_add(1, std::memory_order_relaxed);
     if (!g_forkHandlerRegistered) {
         forkRc = pthread_atfork(nullptr, nullptr, KsplForkChildHandler);
         if (forkRc != 0) {
@@ -122,7 +130,7 @@ static KSSTATUS KsplInitialize() {
         }
     }
 
-    if (InitCharConvInfrastructure() != 0) {
+    if (KsplInjectedFailure(KsplInitStep::CharConv) || InitCharConvInfrastructure() != 0) {
         KsplLog(LOG_USER | LOG_ERR, "CharConv init failed %x", static_cast<unsigned>(forkRc));
         return KSPL_STATUS_AS(KSPL_FACILITY, KSPL_CODE_FAILURE, kFn);
     }
@@ -132,8 +140,10 @@ static KSSTATUS KsplInitialize() {
     // the first global instance exists.
     if (pIKspl == nullptr) {
         KsListInit(&InterfaceList);
-        status = KsplFactoryCreateInstance(nullptr, nullptr, &IID_IZorvikKspl_1,
-                                           reinterpret_cast<void**>(&pIKspl));
+        status = KsplInjectedFailure(KsplInitStep::GlobalInstance)
+                     ? KSPL_STATUS_AS(KSPL_FACILITY, KSPL_CODE_NO_MEMORY, "KsplFactoryCreateInstance")
+                     : KsplFactoryCreateInstance(nullptr, nullptr, &IID_IZorvikKspl_1,
+                                                 reinterpret_cast<void**>(&pIKspl));
         if (status != 0) {
             KsplLog(LOG_USER | LOG_ERR, "KsplFactoryCreateInstance failed %x", status);
             UnInitCharConvInfrastructure();
@@ -141,12 +151,12 @@ static KSSTATUS KsplInitialize() {
         }
     }
 
-    if (InitTimerInfrastructure() != 0) {
+    if (KsplInjectedFailure(KsplInitStep::Timer) || InitTimerInfrastructure() != 0) {
         KsplLog(LOG_USER | LOG_ERR, "TimerMutex init failed %x", 0u);
         UnInitCharConvInfrastructure();
         return KSPL_STATUS_AS(KSPL_FACILITY, KSPL_CODE_FAILURE, kFn);
     }
-    if (InitWorkItemInfrastructure() != 0) {
+    if (KsplInjectedFailure(KsplInitStep::WorkItem) || InitWorkItemInfrastructure() != 0) {
         KsplLog(LOG_USER | LOG_ERR, "WorkItemMutex init failed %x", 0u);
         UnInitTimerInfrastructure();
         UnInitCharConvInfrastructure();
