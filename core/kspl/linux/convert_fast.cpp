@@ -227,6 +227,23 @@ int TableLocToUni(const uint32_t* toWide, const unsigned char* in, int n, WCHAR*
     int pos = 0;
     int produced = 0;
     while (pos < n) {
+        if (!kCheck) {
+            // Four plain bytes at a time while they last.
+            while (n - pos >= 4) {
+                const uint32_t a = toWide[in[pos]];
+                const uint32_t b = toWide[in[pos + 1]];
+                const uint32_t c = toWide[in[pos + 2]];
+                const uint32_t d = toWide[in[pos + 3]];
+                if ((a | b | c | d) >= 0x10000) break;
+                out[produced] = static_cast<WCHAR>(a);
+                out[produced + 1] = static_cast<WCHAR>(b);
+                out[produced + 2] = static_cast<WCHAR>(c);
+                out[produced + 3] = static_cast<WCHAR>(d);
+                pos += 4;
+                produced += 4;
+            }
+            if (pos == n) break;
+        }
         const uint32_t v = toWide[in[pos]];
         if (v < 0x10000) {
             out[produced++] = static_cast<WCHAR>(v);
@@ -254,6 +271,23 @@ template <bool kSwapped, bool kCheck>
 int TableUniToLoc(const SingleByteTables& t, const WCHAR* in, int pos, int n, char* out,
                   int produced, int capacity, int* pOut) {
     while (pos < n && (!kCheck || produced < capacity)) {
+        if (!kSwapped && !kCheck) {
+            // Four plain units at a time while they last.
+            while (n - pos >= 4) {
+                const uint16_t a = t.toNarrow[in[pos]];
+                const uint16_t b = t.toNarrow[in[pos + 1]];
+                const uint16_t c = t.toNarrow[in[pos + 2]];
+                const uint16_t d = t.toNarrow[in[pos + 3]];
+                if ((a | b | c | d) >= 0x100) break;
+                out[produced] = static_cast<char>(a);
+                out[produced + 1] = static_cast<char>(b);
+                out[produced + 2] = static_cast<char>(c);
+                out[produced + 3] = static_cast<char>(d);
+                pos += 4;
+                produced += 4;
+            }
+            if (pos == n) break;
+        }
         const WCHAR u = in[pos];
         uint16_t v;
         if (kSwapped) {
@@ -328,44 +362,50 @@ template <bool kCheck>
 int DecodeUtf8(const unsigned char* in, int n, WCHAR* out, int capacity, int* pOut) {
     int pos = 0;
     int produced = 0;
+    // A tag character is the only sequence of four bytes that converts,
+    // and only as the first one.
+    if (n >= 4 && in[0] == 0xF3 && in[1] == 0xA0 && (in[2] == 0x80 || in[2] == 0x81) &&
+        IsContinuation(in[3])) {
+        out[produced++] = kMark;
+        pos = 4;
+        if (kCheck && pos < n && produced >= capacity) return Fail(pOut);
+    }
+    int ascii = 0;  // ASCII bytes in a row
     while (pos < n) {
-        if (!kCheck) {
-            while (n - pos >= 8 && AllAscii8(in + pos)) {
-                for (int i = 0; i < 8; ++i) out[produced + i] = in[pos + i];
-                pos += 8;
-                produced += 8;
-            }
-            if (pos == n) break;
-        }
         const unsigned b = in[pos];
-        const int left = n - pos;
-        unsigned unit;
-        int len;
         if (b < 0x80) {
-            unit = b;
-            len = 1;
-        } else if (b < 0xC2) {
-            return Fail(pOut);  // continuation byte, or an overlong two-byte lead
-        } else if (b < 0xE0) {
-            if (left < 2 || !IsContinuation(in[pos + 1])) return Fail(pOut);
-            unit = ((b & 0x1Fu) << 6) | (in[pos + 1] & 0x3Fu);
-            len = 2;
-        } else if (b < 0xF0) {
-            if (left < 3 || !IsContinuation(in[pos + 1]) || !IsContinuation(in[pos + 2])) {
+            out[produced++] = static_cast<WCHAR>(b);
+            pos += 1;
+            // After a few ASCII bytes in a row, eight at a time while they
+            // last; mixed text never pays for the test.
+            if (!kCheck && ++ascii >= 8) {
+                while (n - pos >= 8 && AllAscii8(in + pos)) {
+                    for (int i = 0; i < 8; ++i) out[produced + i] = in[pos + i];
+                    pos += 8;
+                    produced += 8;
+                }
+                ascii = 0;
+            }
+        } else if (b - 0xC2u < 0x1Eu) {
+            // 0xC2-0xDF; 0xC0 and 0xC1 would start an overlong form.
+            ascii = 0;
+            if (n - pos < 2 || !IsContinuation(in[pos + 1])) return Fail(pOut);
+            out[produced++] = static_cast<WCHAR>(((b & 0x1Fu) << 6) | (in[pos + 1] & 0x3Fu));
+            pos += 2;
+        } else if (b - 0xE0u < 0x10u) {
+            ascii = 0;
+            if (n - pos < 3 || !IsContinuation(in[pos + 1]) || !IsContinuation(in[pos + 2])) {
                 return Fail(pOut);
             }
-            unit = ((b & 0x0Fu) << 12) | ((in[pos + 1] & 0x3Fu) << 6) | (in[pos + 2] & 0x3Fu);
-            if (unit < 0x800 || (unit >= 0xD800 && unit < 0xE000)) return Fail(pOut);
-            len = 3;
-        } else if (pos == 0 && b == 0xF3 && left >= 4 && in[1] == 0xA0 &&
-                   (in[2] == 0x80 || in[2] == 0x81) && IsContinuation(in[3])) {
-            unit = kMark;
-            len = 4;
+            const unsigned unit =
+                ((b & 0x0Fu) << 12) | ((in[pos + 1] & 0x3Fu) << 6) | (in[pos + 2] & 0x3Fu);
+            if (unit < 0x800 || (unit & 0xF800u) == 0xD800u) return Fail(pOut);
+            out[produced++] = static_cast<WCHAR>(unit);
+            pos += 3;
         } else {
+            // A continuation byte, or a sequence of four bytes or more.
             return Fail(pOut);
         }
-        out[produced++] = static_cast<WCHAR>(unit);
-        pos += len;
         if (kCheck && pos < n && produced >= capacity) return Fail(pOut);
     }
     return Succeed(pOut, produced);
@@ -383,30 +423,39 @@ inline bool AllAscii4(const WCHAR* p) {
 template <bool kSwapped, bool kCheck>
 int EncodeUtf8(const WCHAR* in, int pos, int n, unsigned char* out, int capacity, int* pOut) {
     int produced = 0;
+    int ascii = 0;  // ASCII units in a row
     while (pos < n) {
-        if (!kSwapped && !kCheck) {
-            while (n - pos >= 8 && AllAscii4(in + pos) && AllAscii4(in + pos + 4)) {
-                for (int i = 0; i < 8; ++i) out[produced + i] = static_cast<unsigned char>(in[pos + i]);
-                pos += 8;
-                produced += 8;
-            }
-            if (pos == n) break;
-        }
         const unsigned u = kSwapped ? Swapped(in[pos]) : in[pos];
         if (u < 0x80) {
             if (kCheck && produced + 1 >= capacity) return Fail(pOut);
             out[produced++] = static_cast<unsigned char>(u);
+            // After a few ASCII units in a row, eight at a time while they
+            // last; mixed text never pays for the test.
+            if (!kSwapped && !kCheck && ++ascii >= 8) {
+                ++pos;
+                while (n - pos >= 8 && AllAscii4(in + pos) && AllAscii4(in + pos + 4)) {
+                    for (int i = 0; i < 8; ++i) out[produced + i] = static_cast<unsigned char>(in[pos + i]);
+                    pos += 8;
+                    produced += 8;
+                }
+                ascii = 0;
+                continue;
+            }
         } else if (u < 0x800) {
+            ascii = 0;
             if (kCheck && produced + 2 >= capacity) return Fail(pOut);
-            out[produced++] = static_cast<unsigned char>(0xC0 | (u >> 6));
-            out[produced++] = static_cast<unsigned char>(0x80 | (u & 0x3F));
-        } else if (u >= 0xD800 && u < 0xE000) {
+            out[produced] = static_cast<unsigned char>(0xC0 | (u >> 6));
+            out[produced + 1] = static_cast<unsigned char>(0x80 | (u & 0x3F));
+            produced += 2;
+        } else if ((u & 0xF800u) == 0xD800u) {
             return Fail(pOut);
         } else {
+            ascii = 0;
             if (kCheck && produced + 3 >= capacity) return Fail(pOut);
-            out[produced++] = static_cast<unsigned char>(0xE0 | (u >> 12));
-            out[produced++] = static_cast<unsigned char>(0x80 | ((u >> 6) & 0x3F));
-            out[produced++] = static_cast<unsigned char>(0x80 | (u & 0x3F));
+            out[produced] = static_cast<unsigned char>(0xE0 | (u >> 12));
+            out[produced + 1] = static_cast<unsigned char>(0x80 | ((u >> 6) & 0x3F));
+            out[produced + 2] = static_cast<unsigned char>(0x80 | (u & 0x3F));
+            produced += 3;
         }
         ++pos;
     }
