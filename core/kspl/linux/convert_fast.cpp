@@ -465,8 +465,9 @@ int EncodeUtf8(const WCHAR* in, int pos, int n, unsigned char* out, int capacity
 // ---------------------------------------------------------------------------
 // Descriptors cached per thread for the other code pages.
 
-// Code sets whose modules keep byte-order decisions in the descriptor
-// beyond the reach of a reset; they always get a fresh descriptor.
+// Wide code sets read their byte order from a mark, and may keep that
+// decision in the descriptor beyond a reset ("UNICODE" does): as code pages
+// they always get a fresh descriptor.
 bool ResetKeepsState(const char* name) {
     static constexpr const char* kWideSets[] = {"UTF-16", "UTF16", "UTF-32", "UTF32", "UCS-2",
                                                 "UCS2",   "UCS-4", "UCS4",   "UNICODE", "10646"};
@@ -499,7 +500,7 @@ public:
     iconv_t Get(const char* name, bool toWide) {
         if (name == nullptr) return kNoDescriptor;
         const size_t len = std::strlen(name);
-        if (len >= sizeof(CachedDescriptor::name) || ResetKeepsState(name)) return kNoDescriptor;
+        if (len >= sizeof(CachedDescriptor::name)) return kNoDescriptor;
         const unsigned generation = g_generation.load(std::memory_order_relaxed);
         CachedDescriptor* free = nullptr;
         for (CachedDescriptor& s : slots_) {
@@ -515,6 +516,8 @@ public:
                 break;
             }
         }
+        // Such names are never cached, so the test is due only here.
+        if (ResetKeepsState(name)) return kNoDescriptor;
         if (free == nullptr) {
             free = &slots_[next_];
             next_ = (next_ + 1) % kSlots;
