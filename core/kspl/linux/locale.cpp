@@ -1,6 +1,7 @@
 // locale.cpp - choice of the OEM and ANSI code pages at initialisation.
 //
-// The four globals are written only by the setup and release, which run
+// The four globals, and the lookup tables of the code pages they name
+// (convert_fast.cpp), are written only by the setup and release, which run
 // under g_hModuleMutex before any instance exists and after the last one
 // is gone; conversions read them without locks.
 #include <iconv.h>
@@ -12,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "convert_int.h"
 #include "dbg_int.h"
 #include "locale_int.h"
 
@@ -91,6 +93,7 @@ BOOLEAN CheckCodePageEuroSupport(char* pCodePage) {
 }
 
 int InitCharConvInfrastructure(void) {
+    KsplConvTablesFree();
     const bool logInfo = std::getenv(kLogVariable) != nullptr;
     std::setlocale(LC_ALL, "");
 
@@ -168,10 +171,12 @@ int InitCharConvInfrastructure(void) {
         return -1;
     }
     g_ansiCodePageSupportsEuro = CheckCodePageEuroSupport(g_pAnsiCodePage);
+    KsplConvTablesBuild(g_pOemCodePage, g_pAnsiCodePage);
     return 0;
 }
 
 void UnInitCharConvInfrastructure(void) {
+    KsplConvTablesFree();
     if (g_pAnsiCodePage != nullptr) {
         std::free(g_pAnsiCodePage);
         g_pAnsiCodePage = nullptr;
