@@ -72,8 +72,8 @@ const char* kSql[kStmtCount] = {
     "SELECT name,mtime FROM keys WHERE parent=?1 AND id<>?1 ORDER BY folded LIMIT 1 OFFSET ?2",
     /* kQueryValue */ "SELECT type,data FROM vals WHERE key=?1 AND folded=?2",
     /* kSetValue */
-    "INSERT INTO vals(key,name,folded,type,data) VALUES(?1,?2,?3,?4,?5) "
-    "ON CONFLICT(key,folded) DO UPDATE SET type=excluded.type,data=excluded.data",
+    ("INSERT INTO vals(key,name,folded,type,data) VALUES(?1,?2,?3,?4,?5) "
+     "ON CONFLICT(key,folded) DO UPDATE SET type=excluded.type,data=excluded.data"),
     /* kDeleteValue */ "DELETE FROM vals WHERE key=?1 AND folded=?2",
     /* kEnumValue */
     "SELECT name,type,data FROM vals WHERE key=?1 ORDER BY folded LIMIT 1 OFFSET ?2",
