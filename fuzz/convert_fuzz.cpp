@@ -1,9 +1,11 @@
-// convert_fuzz.cpp - the two conversion services of IKspl against the
-// per-character reference routines: same status, same count, same bytes in
+// convert_fuzz.cpp - the two conversion services of IKspl, and the
+// exported character routines, against the per-character reference
+// routines: same status, same count, same bytes in
 // the whole output buffer, for every code-page selector, for OEM and ANSI
 // code pages chosen from the input, and for capacities around the result.
 // The reference's own length protocol is checked too: a length query, an
 // exact fit, a larger buffer and a shorter one must agree with each other.
+#include <algorithm>
 #include <vector>
 
 #include "convert_int.h"
@@ -70,6 +72,48 @@ void Same(const Result<Out>& a, const Result<Out>& b, const char* what) {
     FUZZ_CHECK(a.buffer == b.buffer, what);
 }
 
+// One exported character routine against its reference: the same result,
+// count and output buffer (of exactly `capacity` units, pre-filled).
+template <typename In, typename Out, typename Fn, typename... Lead>
+void SameRoutine(Fn fast, Fn ref, std::vector<In> input, int count, int capacity,
+                 const char* what, Lead... lead) {
+    const size_t room = capacity > 0 ? static_cast<size_t>(capacity) : 0;
+    std::vector<Out> a(room, static_cast<Out>(kPattern)), b(a);
+    std::vector<In> inA(input), inB(input);
+    int countA = capacity, countB = capacity;
+    const int ra = fast(lead..., inA.data(), count, a.data(), &countA);
+    const int rb = ref(lead..., inB.data(), count, b.data(), &countB);
+    FUZZ_CHECK(ra == rb, what);
+    FUZZ_CHECK(countA == countB, what);
+    FUZZ_CHECK(a == b, what);
+    FUZZ_CHECK(inA == input, "the input is left alone");
+    if (rb == 0) FUZZ_CHECK(countB >= 0 && countB <= std::max(capacity, 0), "count within the capacity");
+}
+
+void CharacterRoutines(FuzzReader& in, const PageChoice& page) {
+    const uint8_t which = in.U8();
+    const int capacity = (which & 0x80) != 0 ? static_cast<int>(in.U8()) - 8 : static_cast<int>(in.U8() % 48);
+    const std::string payload = in.Rest();
+    if ((which & 2) == 0) {
+        std::vector<char> text(payload.begin(), payload.end());
+        const int count = static_cast<int>(text.size());
+        if ((which & 1) == 0)
+            SameRoutine<char, WCHAR>(LocToUni, KsplRefLocToUni, text, count, capacity, "LocToUni",
+                                     page.name, page.euro);
+        else
+            SameRoutine<char, WCHAR>(Utf8ToUni, KsplRefUtf8ToUni, text, count, capacity, "Utf8ToUni");
+        if (!text.empty()) FUZZ_CHECK(Utf8SeqLen(text[0]) == KsplRefUtf8SeqLen(text[0]), "Utf8SeqLen");
+    } else {
+        std::vector<WCHAR> text(payload.size() / 2);
+        if (!text.empty()) std::memcpy(text.data(), payload.data(), text.size() * 2);
+        const int count = static_cast<int>(text.size());
+        if ((which & 1) == 0)
+            SameRoutine<WCHAR, char>(UniToLoc, KsplRefUniToLoc, text, count, capacity, "UniToLoc", page.name);
+        else
+            SameRoutine<WCHAR, char>(UniToUtf8, KsplRefUniToUtf8, text, count, capacity, "UniToUtf8");
+    }
+}
+
 // The protocol around one successful length query of the reference.
 template <typename In, typename Out, typename Fn>
 void CheckProtocol(Fn ref, IKspl* k, UINT32 codePage, const std::vector<In>& input,
@@ -112,6 +156,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     g_pAnsiCodePage = ansi.name;
     g_ansiCodePageSupportsEuro = ansi.euro;
 
+    // One input in eight drives the exported character routines directly.
+    const uint8_t target = in.U8();
+    if (target % 8 == 0) {
+        CharacterRoutines(in, (target & 0x10) != 0 ? ansi : oem);
+        return 0;
+    }
     const UINT32 codePage = kSelectors[in.Pick(sizeof kSelectors / sizeof kSelectors[0])];
     const uint8_t mode = in.U8();
     const bool toWide = (mode & 1) != 0;
