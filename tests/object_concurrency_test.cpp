@@ -203,6 +203,7 @@ TEST_P(OmConcurrency, ChurnOnSharedKeysDestroysEachObjectOnce) {
 
 TEST_P(OmConcurrency, EnumerationDuringChurnOnlySeesLiveObjects) {
     std::atomic<bool> stop{false};
+    std::atomic<int> created{0};
     std::vector<std::thread> churn;
     for (int t = 0; t < 2; ++t) {
         churn.emplace_back([&, t] {
@@ -214,6 +215,7 @@ TEST_P(OmConcurrency, EnumerationDuringChurnOnlySeesLiveObjects) {
                 ASSERT_EQ(om_->lpVtbl->CreateObject(om_, KeyArg(key), InitItem, KeyArg(key),
                                                     CompareItem, key % 8, 0, 0, &user, &mode),
                           0u);
+                created.fetch_add(1);
                 if (rng() % 2 == 0) {
                     EXPECT_EQ(om_->lpVtbl->DeleteObject(om_, user, 0), 0u);
                 } else {
@@ -221,6 +223,11 @@ TEST_P(OmConcurrency, EnumerationDuringChurnOnlySeesLiveObjects) {
                 }
             }
         });
+    }
+    // On a loaded machine the churn threads may start late: scan once they run.
+    auto startBy = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (created.load() < 50 && std::chrono::steady_clock::now() < startBy) {
+        std::this_thread::yield();
     }
     int scans = 0;
     int seen = 0;

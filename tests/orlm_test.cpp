@@ -115,7 +115,9 @@ TEST(Runtime, ConcurrentLoadsAndCreationsStartEachComponentOnce) {
     for (int t = 0; t < 8; ++t) {
         threads.emplace_back([t] {
             for (int i = 0; i < 50; ++i) {
+                // Both loads race with the other threads' loads of the same paths.
                 ASSERT_EQ(OrlmLoadComponent((t + i) % 2 ? COMPONENT_A : COMPONENT_B), 0u);
+                ASSERT_EQ(OrlmLoadComponent((t + i) % 2 ? COMPONENT_B : COMPONENT_A), 0u);
                 ORLM_IUnknown* obj = nullptr;
                 ASSERT_EQ(OrlmCreateInstance(i % 2 ? &kClassA : &kClassB, nullptr, &kIid,
                                              reinterpret_cast<void**>(&obj)),

@@ -325,6 +325,11 @@ KSSTATUS KsoWaitForMultipleEvents(IKspl* pThis, UINT32 Count, HANDLE* Handles, B
     if (Count == 1) return KsoWaitForSingleEvent(pThis, Handles[0], Timeout);
     if (Timeout < -1) return KSPL_STATUS(KSPL_CODE_INVALID_PARAM);
 
+    // Every wait on several events starts out as the code 1 failure, built
+    // (and so logged) on each call whatever the outcome. It is the answer
+    // when nothing satisfies a zero-timeout wait or a sleep fails outright.
+    const KSSTATUS notSatisfied = KSPL_STATUS(KSPL_CODE_FAILURE);
+
     // Wait-any with an event already set needs no registration: take the
     // first set one in array order. (A registering scan would find the same
     // event, after allocating and freeing registrations for the ones before.)
@@ -339,7 +344,7 @@ KSSTATUS KsoWaitForMultipleEvents(IKspl* pThis, UINT32 Count, HANDLE* Handles, B
             pthread_mutex_unlock(&e->mutex);
             if (taken) return i;
         }
-        if (Timeout == 0) return KSPL_STATUS(KSPL_CODE_FAILURE);
+        if (Timeout == 0) return notSatisfied;
     }
 
     // Cancellation strikes only while the call sleeps (SleepOnPrivate); a
@@ -391,11 +396,13 @@ KSSTATUS KsoWaitForMultipleEvents(IKspl* pThis, UINT32 Count, HANDLE* Handles, B
             KsplDeadline(Timeout, &deadline);
             limit = &deadline;
         }
-        while (!satisfied) {
+        for (;;) {
             Sleep slept = SleepOnPrivate(&w, limit, cancelState);
-            // Pass over the registrations in array order. Wait-all consumes
-            // and drops every set event; wait-any takes the first set one
-            // only (taking more would swallow signals it cannot report).
+            // Pass over the registrations in array order: every event found
+            // set is consumed and its registration dropped, in both modes.
+            // Wait-any reports the first one found; the others it took in the
+            // same pass are not reported.
+            bool found = false;
             PLIST_ENTRY link = w.registrations.Flink;
             while (link != &w.registrations) {
                 MY_EVENT_LIST_ENTRY* r = FromMaster(link);
@@ -403,22 +410,23 @@ KSSTATUS KsoWaitForMultipleEvents(IKspl* pThis, UINT32 Count, HANDLE* Handles, B
                 KSO_EVENT_HANDLE* e = r->pSingleEvent;
                 pthread_mutex_lock(&e->mutex);
                 if (TakeIfSet(e)) {
-                    if (!bWaitAll) {
-                        satisfied = true;
-                        index = PositionOf(Handles, Count, e);
-                    }
+                    if (!found && !bWaitAll) index = PositionOf(Handles, Count, e);
+                    found = true;
                     Unregister(&w, r, true);
                 }
                 pthread_mutex_unlock(&e->mutex);
-                if (satisfied) break;
             }
-            if (bWaitAll) satisfied = KsListEmpty(&w.registrations);
-            if (satisfied) break;
+            // A cycle whose sleep ran out ends the wait with code 10, even
+            // when the pass found events set (those stay consumed).
             if (slept == Sleep::kTimedOut) {
                 timedOut = true;
                 break;
             }
-            if (slept == Sleep::kFailed) break;
+            // Wait-all goes on while registrations remain; wait-any is done
+            // once a pass found anything, else it sleeps again for the rest
+            // of the timeout.
+            satisfied = bWaitAll ? KsListEmpty(&w.registrations) : found;
+            if (satisfied || slept == Sleep::kFailed) break;
         }
     }
 
@@ -428,8 +436,8 @@ KSSTATUS KsoWaitForMultipleEvents(IKspl* pThis, UINT32 Count, HANDLE* Handles, B
     pthread_setcancelstate(cancelState, nullptr);
 
     if (failure != 0) return KSPL_STATUS(failure);
-    if (satisfied) return bWaitAll ? 0 : index;
     if (timedOut) return KSPL_STATUS(KSPL_CODE_TIMEOUT);
+    if (satisfied) return bWaitAll ? 0 : index;
     // Timeout 0 and not satisfied, or a sleep that failed outright.
-    return KSPL_STATUS(KSPL_CODE_FAILURE);
+    return notSatisfied;
 }
