@@ -69,7 +69,7 @@ std::vector<WCHAR> MakeText(Kind kind, size_t chars) {
         WCHAR c = static_cast<WCHAR>('a' + i % 26);
         if (i % 7 == 6) c = ' ';
         if (kind == Kind::Latin1 && i % 3 == 1) c = kLatin1[i % 8];
-        if (kind == Kind::Foreign10 && i % 10 == 9) c = kForeign[i % 5];
+        if (kind == Kind::Foreign10 && i % 10 == 9) c = kForeign[i / 10 % 5];
         if (kind == Kind::Japanese && i % 4 != 3) c = kJapanese[i % 9];
         text.push_back(c);
     }

@@ -32,7 +32,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <new>
 
 #include "convert_int.h"
 
