@@ -10,6 +10,7 @@
 #include "../linklist_int.h"
 #include "../memory_int.h"
 #include "../stats_int.h"
+#include "../sysalloc_int.h"
 #include "config_int.h"
 #include "dbg_int.h"
 #include "instance_int.h"
@@ -165,7 +166,7 @@ UINT32 KsplFactoryCreateInstance(void* /*This*/, PORLM_IUnknown pUnkOuter, const
     *ppInterface = nullptr;
     if (!KsGuidEqual(pIId, &IID_IZorvikKspl_1)) return KSPL_STATUS(KSPL_CODE_NOT_SUPPORTED);
 
-    auto* info = static_cast<KsplObjInfo*>(std::calloc(1, sizeof(KsplObjInfo)));
+    auto* info = static_cast<KsplObjInfo*>(KsplSysCalloc(1, sizeof(KsplObjInfo)));
     if (info == nullptr) return KSPL_STATUS(KSPL_CODE_NO_MEMORY);
     info->cReference = 1;
     info->Signature = kSigInstance;
@@ -216,7 +217,7 @@ UINT32 KsplReleaseReference(IKspl* pThis) {
     // Clear the signature so that a stale pointer fails the instance check
     // for as long as the allocator leaves the memory untouched.
     info->Signature = 0;
-    std::free(info);
+    KsplSysFree(info);
     return 0;
 }
 

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "../sysalloc_int.h"
 #include "dbg_int.h"
 #include "locale_int.h"
 
@@ -36,7 +37,7 @@ std::atomic<KsplCodePageAllocFn> g_allocHook{nullptr};
 char* CopyName(const char* name) {
     KsplCodePageAllocFn alloc = g_allocHook.load(std::memory_order_acquire);
     size_t size = std::strlen(name) + 1;
-    auto* copy = static_cast<char*>(alloc != nullptr ? alloc(size) : std::malloc(size));
+    auto* copy = static_cast<char*>(alloc != nullptr ? alloc(size) : KsplSysAlloc(size));
     if (copy != nullptr) std::memcpy(copy, name, size);
     return copy;
 }
@@ -162,7 +163,7 @@ int InitCharConvInfrastructure(void) {
 
     g_pAnsiCodePage = CopyName(ansi);
     if (g_pAnsiCodePage == nullptr) {
-        std::free(g_pOemCodePage);
+        KsplSysFree(g_pOemCodePage);
         g_pOemCodePage = nullptr;
         if (logInfo) KsplLog(kLogErr, "Unable to allocate buffer for code page string");
         return -1;
@@ -173,11 +174,11 @@ int InitCharConvInfrastructure(void) {
 
 void UnInitCharConvInfrastructure(void) {
     if (g_pAnsiCodePage != nullptr) {
-        std::free(g_pAnsiCodePage);
+        KsplSysFree(g_pAnsiCodePage);
         g_pAnsiCodePage = nullptr;
     }
     if (g_pOemCodePage != nullptr) {
-        std::free(g_pOemCodePage);
+        KsplSysFree(g_pOemCodePage);
         g_pOemCodePage = nullptr;
     }
 }
