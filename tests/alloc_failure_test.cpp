@@ -716,8 +716,9 @@ TEST_F(StoreAllocTest, InitializeGivesEverythingBackAndCanBeRetried) {
 
 // A store of two objects per block with `pre` objects in it already: a new
 // object needs a block and a lock (0 or 2 there) or only a lock (1 there).
-// A failed creation keeps no block, no lock and no key; every new object is
-// deleted again so that each run starts from the same state.
+// A failed creation takes no key and keeps no lock; a block made on the way
+// stays, empty, and the next creation uses it. Every new object is deleted
+// again (which releases such a block) so that each run starts alike.
 TEST_F(StoreAllocTest, CreateAllocateAndCreateByHandle) {
     StatusCapture built;
     int made = 0;
@@ -739,13 +740,27 @@ TEST_F(StoreAllocTest, CreateAllocateAndCreateByHandle) {
                 existing.push_back(user);
             }
             const unsigned expected = pre == 1 ? 1u : 2u;
-            auto checkFailed = [&](KSSTATUS st, PVOID user, const char* fn) {
+            const UINT32 blocksBefore = pre == 0 ? 0u : 2u;
+            auto checkFailed = [&](const FailAt& at, KSSTATUS st, PVOID user, const char* fn) {
                 EXPECT_EQ(st, KsplOmErr(5));
                 EXPECT_TRUE(built.WasBuilt(KsplOmErr(5), fn));
                 EXPECT_EQ(user, nullptr);
-                EXPECT_EQ(oi->statsAllocated, pre == 0 ? 0u : 2u) << "a block kept for nothing";
                 EXPECT_EQ(oi->statsInUse, pre);
                 EXPECT_EQ(oi->statsPreallocated, 0u);
+                // Only the lock failed after a new block was made.
+                bool blockStayed = expected == 2 && at.n == 2;
+                EXPECT_EQ(oi->statsAllocated, blocksBefore + (blockStayed ? 2u : 0u));
+                if (blockStayed) {
+                    // Used by the next creation, released with its object.
+                    PVOID next = nullptr;
+                    ASSERT_EQ(om->lpVtbl->CreateObject(om, Key(50), InitObj, nullptr, nullptr, 0,
+                                                       0, 0, &next, nullptr),
+                              0u);
+                    EXPECT_EQ(oi->statsAllocated, blocksBefore + 2u);
+                    EXPECT_EQ(om->lpVtbl->DeleteObject(om, next, 0), 0u);
+                    ++made;
+                    EXPECT_EQ(oi->statsAllocated, blocksBefore);
+                }
             };
 
             // By key: the key must not be taken by the failed call.
@@ -758,7 +773,7 @@ TEST_F(StoreAllocTest, CreateAllocateAndCreateByHandle) {
                                                     &user, &mode);
                 });
                 if (at.fired) {
-                    checkFailed(st, user, "ObjectCreate");
+                    checkFailed(at, st, user, "ObjectCreate");
                     EXPECT_EQ(mode, 77u);
                     PVOID found = nullptr;
                     EXPECT_EQ(om->lpVtbl->FindObject(om, Key(7), SameObj, 0, 0, &found),
@@ -778,7 +793,7 @@ TEST_F(StoreAllocTest, CreateAllocateAndCreateByHandle) {
                 built.Clear();
                 KSSTATUS st = at([&] { return om->lpVtbl->AllocateObject(om, &user); });
                 if (at.fired) {
-                    checkFailed(st, user, "ObjectAllocate");
+                    checkFailed(at, st, user, "ObjectAllocate");
                 } else {
                     ASSERT_EQ(st, 0u);
                     EXPECT_EQ(oi->statsPreallocated, 1u);
@@ -800,7 +815,7 @@ TEST_F(StoreAllocTest, CreateAllocateAndCreateByHandle) {
                                                             InitObj, 0, 0, &user, &mode);
                 });
                 if (at.fired) {
-                    checkFailed(st, user, "ObjectCreateByHandle");
+                    checkFailed(at, st, user, "ObjectCreateByHandle");
                     EXPECT_EQ(mode, 0u);
                     PVOID found = nullptr;
                     EXPECT_EQ(om->lpVtbl->ReferenceObjectByHandle(om, PtrFromHandle(handle), 0, &found),
