@@ -1,9 +1,11 @@
 // Module start, lazy initialisation, class objects, instances and the
 // class factory.
 #include <sys/resource.h>
+#include <unistd.h>
 #include <syslog.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <thread>
@@ -266,6 +268,45 @@ TEST(Instances, ConcurrentCreateAndReleaseKeepTheRegistryConsistent) {
         ++walked;
     }
     EXPECT_EQ(walked, before);
+}
+
+// A child forked while another thread held the registry lock or an
+// instance's memory lock must find them free: fork waits for them.
+IKspl* g_forkInstance = nullptr;
+
+void UseInstancesInChild() {
+    alarm(10);  // a lock inherited as held would hang the child for good
+    IKspl* fresh = KsplTestCreateInstance();
+    ASSERT_NE(fresh, nullptr);
+    for (IKspl* k : {fresh, g_forkInstance, pIKspl}) {
+        void* paged = k->lpVtbl->KsoAllocPagedMemory(k, 64);
+        void* nonPaged = k->lpVtbl->KsoAllocNonPagedMemory(k, 64);
+        EXPECT_NE(paged, nullptr);
+        EXPECT_NE(nonPaged, nullptr);
+        EXPECT_EQ(k->lpVtbl->KsoFreeMemory(k, paged), 0u);
+        EXPECT_EQ(k->lpVtbl->KsoFreeMemory(k, nonPaged), 0u);
+    }
+    EXPECT_EQ(fresh->lpVtbl->Release(fresh), 0u);
+}
+
+class ForkedChild : public KsplTest {};
+
+TEST_F(ForkedChild, FindsTheRegistryAndMemoryListsFree) {
+    g_forkInstance = k;
+    pthread_mutex_t* locks[] = {&InterfaceMutex, &KsplInfo(k)->ProtectionMutex,
+                                &KsplInfo(k)->ProtectionSpinLock, &KsplInfo(pIKspl)->ProtectionSpinLock};
+    for (pthread_mutex_t* lock : locks) {
+        std::atomic<bool> held{false};
+        std::thread holder([&] {
+            pthread_mutex_lock(lock);
+            held = true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            pthread_mutex_unlock(lock);
+        });
+        while (!held) std::this_thread::yield();
+        EXPECT_EQ(KsplRunInChild(UseInstancesInChild), 0);
+        holder.join();
+    }
 }
 
 class ModuleName : public KsplTest {};

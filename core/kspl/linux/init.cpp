@@ -64,6 +64,7 @@ static bool KsplInjectedFailure(KsplInitStep step) {
 // The fork handler is registered once per process; a retried
 // initialisation does not register it again.
 static bool g_forkHandlerRegistered = false;
+static bool g_registryForkHandlerRegistered = false;
 
 HRESULT KsplMapStatusToHresult(KSSTATUS status) {
     switch (status & 0xFFFFu) {
@@ -122,7 +123,14 @@ static KSSTATUS KsplInitialize() {
     int forkRc = 0;
     g_ksplInitHooks.runs.fetch_add(1, std::memory_order_relaxed);
     if (!g_forkHandlerRegistered) {
-        forkRc = pthread_atfork(nullptr, nullptr, KsplForkChildHandler);
+        // The registry's handlers first: a failed registration is retried
+        // by the next initialisation without registering either twice.
+        if (!g_registryForkHandlerRegistered) {
+            forkRc = pthread_atfork(KsplInstancesForkPrepare, KsplInstancesForkRelease,
+                                    KsplInstancesForkRelease);
+            g_registryForkHandlerRegistered = forkRc == 0;
+        }
+        if (forkRc == 0) forkRc = pthread_atfork(nullptr, nullptr, KsplForkChildHandler);
         if (forkRc != 0) {
             KsplLog(LOG_USER | LOG_ERR, "pthread_atfork() failed %x", static_cast<unsigned>(forkRc));
         } else {

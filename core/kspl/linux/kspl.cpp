@@ -3,6 +3,9 @@
 //
 // Lock order: InterfaceMutex is taken alone; no other lock is held while it
 // is held, and it is never taken while an instance's protection locks are.
+// The one exception is fork preparation, which holds InterfaceMutex and
+// then every instance's ProtectionMutex and ProtectionSpinLock (in list
+// order) across fork(): nothing else ever holds two of those.
 #include <cstdlib>
 #include <cstring>
 
@@ -23,6 +26,12 @@
 #include "time_int.h"
 
 KSPL_SOURCE_UNIT("kspl");
+
+namespace {
+inline KsplObjInfo* InstanceFromLink(PLIST_ENTRY link) {
+    return reinterpret_cast<KsplObjInfo*>(reinterpret_cast<char*>(link) - offsetof(KsplObjInfo, Link));
+}
+}  // namespace
 
 // InterfaceMutex guards InterfaceList and InterfaceCount.
 LIST_ENTRY InterfaceList = {&InterfaceList, &InterfaceList};
@@ -219,6 +228,27 @@ UINT32 KsplReleaseReference(IKspl* pThis) {
     info->Signature = 0;
     KsplSysFree(info);
     return 0;
+}
+
+// fork(): a child must not inherit the registry or a memory list halfway
+// through a change by another thread, nor a lock that thread held. The
+// forking thread takes them all first and lets go on both sides.
+void KsplInstancesForkPrepare(void) {
+    pthread_mutex_lock(&InterfaceMutex);
+    for (PLIST_ENTRY link = InterfaceList.Flink; link != &InterfaceList; link = link->Flink) {
+        KsplObjInfo* info = InstanceFromLink(link);
+        pthread_mutex_lock(&info->ProtectionMutex);
+        pthread_mutex_lock(&info->ProtectionSpinLock);
+    }
+}
+
+void KsplInstancesForkRelease(void) {
+    for (PLIST_ENTRY link = InterfaceList.Flink; link != &InterfaceList; link = link->Flink) {
+        KsplObjInfo* info = InstanceFromLink(link);
+        pthread_mutex_unlock(&info->ProtectionSpinLock);
+        pthread_mutex_unlock(&info->ProtectionMutex);
+    }
+    pthread_mutex_unlock(&InterfaceMutex);
 }
 
 KSSTATUS KsoRegisterModuleName(IKspl* pThis, PCHAR pModuleName) {
