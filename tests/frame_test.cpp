@@ -309,6 +309,37 @@ TEST_F(ForkedChild, FindsTheRegistryAndMemoryListsFree) {
     }
 }
 
+// Conversions open a descriptor per call; a child forked while another
+// thread was inside that open must still convert.
+void ConvertInChild() {
+    alarm(5);
+    char text[] = "child";
+    WCHAR wide[8];
+    UINT32 units = 8;
+    EXPECT_EQ(pIKspl->lpVtbl->KsoMultiByteToWideChar(pIKspl, 1, text, -1, wide, &units), 0u);
+    EXPECT_EQ(units, 5u);
+}
+
+TEST_F(ForkedChild, ConvertsWhileOtherThreadsConvert) {
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> converters;
+    for (int t = 0; t < 2; ++t) {
+        converters.emplace_back([&] {
+            char text[] = "busy";
+            WCHAR wide[8];
+            while (!stop) {
+                UINT32 units = 8;
+                v->KsoMultiByteToWideChar(k, 1 + (units & 1), text, -1, wide, &units);
+            }
+        });
+    }
+    int hung = 0;
+    for (int i = 0; i < 12; ++i) hung += KsplRunInChild(ConvertInChild) != 0;
+    stop = true;
+    for (auto& t : converters) t.join();
+    EXPECT_EQ(hung, 0);
+}
+
 class ModuleName : public KsplTest {};
 
 TEST_F(ModuleName, KeepsAtMostThirtyOneCharactersAndItsTerminator) {

@@ -19,6 +19,7 @@
 
 #include "../memory_int.h"
 #include "convert_int.h"
+#include "convlock_int.h"
 #include "dbg_int.h"
 #include "locale_int.h"
 #include "stdio_int.h"
@@ -40,9 +41,9 @@ inline bool IsPathSeparator(unsigned v) { return v == ':' || v == '\\' || v == '
 class Descriptor {
 public:
     Descriptor(const char* to, const char* from)
-        : cd_(to != nullptr && from != nullptr ? iconv_open(to, from) : kNoDescriptor) {}
+        : cd_(to != nullptr && from != nullptr ? KsplIconvOpen(to, from) : kNoDescriptor) {}
     ~Descriptor() {
-        if (cd_ != kNoDescriptor) iconv_close(cd_);
+        if (cd_ != kNoDescriptor) KsplIconvClose(cd_);
     }
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;

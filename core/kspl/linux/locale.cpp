@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "../sysalloc_int.h"
+#include "convlock_int.h"
 #include "dbg_int.h"
 #include "locale_int.h"
 
@@ -57,25 +58,25 @@ void KsplSetCodePageAllocHook(KsplCodePageAllocFn alloc) {
 }
 
 BOOLEAN CodePageValid(char* pCodePage) {
-    iconv_t cd = iconv_open(pCodePage, kWideCodeSet);
+    iconv_t cd = KsplIconvOpen(pCodePage, kWideCodeSet);
     if (cd == kNoDescriptor) {
         KsplLog(kLogErr, "CodePageValid: Unable to open conversion descriptor %s-UNICODE\n",
                 pCodePage);
         return FALSE;
     }
-    iconv_close(cd);
-    cd = iconv_open(kWideCodeSet, pCodePage);
+    KsplIconvClose(cd);
+    cd = KsplIconvOpen(kWideCodeSet, pCodePage);
     if (cd == kNoDescriptor) {
         KsplLog(kLogErr, "CodePageValid: Unable to open conversion descriptor UNICODE-%s\n",
                 pCodePage);
         return FALSE;
     }
-    iconv_close(cd);
+    KsplIconvClose(cd);
     return TRUE;
 }
 
 BOOLEAN CheckCodePageEuroSupport(char* pCodePage) {
-    iconv_t cd = iconv_open(pCodePage, kWideCodeSet);
+    iconv_t cd = KsplIconvOpen(pCodePage, kWideCodeSet);
     if (cd == kNoDescriptor) {
         KsplLog(kLogErr, "CheckCodePageEuroSupport: Unable to open conversion descriptor\n");
         return FALSE;
@@ -87,7 +88,7 @@ BOOLEAN CheckCodePageEuroSupport(char* pCodePage) {
     size_t inLeft = sizeof(in);
     size_t outLeft = sizeof(out);
     size_t rc = iconv(cd, &inPtr, &inLeft, &outPtr, &outLeft);
-    iconv_close(cd);
+    KsplIconvClose(cd);
     return rc != static_cast<size_t>(-1) ? TRUE : FALSE;
 }
 
