@@ -31,18 +31,8 @@
 
 #include "kspl.h"
 #include "kspl_internal.h"
+#include "sched_test_util.h"
 #include "zlreg.h"
-
-#if defined(__SANITIZE_THREAD__)
-#define SOAK_TSAN 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define SOAK_TSAN 1
-#endif
-#endif
-#ifndef SOAK_TSAN
-#define SOAK_TSAN 0
-#endif
 
 namespace {
 
@@ -52,6 +42,7 @@ using Clock = std::chrono::steady_clock;
 // Failures and statistics.
 
 std::atomic<int> g_failures{0};
+bool g_childMayStartThreads = false;  // set once before the workers start
 std::mutex g_reportMutex;
 
 void Fail(int line, const char* what, unsigned long long got) {
@@ -713,8 +704,9 @@ void OpInstances(Worker& w) {
 }
 
 // The child uses the library briefly on the state it inherited and reports
-// through its exit status. No multiple waits there (they log), under
-// ThreadSanitizer nothing that starts threads, and no configuration store:
+// through its exit status. No multiple waits there (they log), nothing that
+// starts threads where a forked child cannot (ThreadSanitizer, qemu-user),
+// and no configuration store:
 // SQLite keeps its file-lock bookkeeping per process, and a child forked
 // while another thread of the parent held the store's write lock inherits
 // that record of a lock it does not hold, so its writes stay busy.
@@ -732,7 +724,7 @@ int ChildBody() {
     WCHAR wide[32];
     UINT32 units = 32;
     bad += k->lpVtbl->KsoMultiByteToWideChar(k, 3, text, -1, wide, &units) != 0;
-    if (!SOAK_TSAN) {
+    if (g_childMayStartThreads) {
         Signal s;
         s.k = k;
         s.done = e;
@@ -931,6 +923,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     probe->lpVtbl->Release(probe);
+    g_childMayStartThreads = ChildMayStartThreads();
     const Baseline before = Measure();
     const long initsBefore = g_inits.load();
 
