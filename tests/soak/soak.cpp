@@ -901,6 +901,15 @@ int main(int argc, char** argv) {
         return 2;
     }
 
+    // Probed while the process has one thread. AddressSanitizer's allocator
+    // is not held across fork(): a child forked while another thread
+    // allocates can hang in its first allocation, so that build does not
+    // fork at all.
+    g_childMayStartThreads = ChildMayStartThreads();
+#if defined(__SANITIZE_ADDRESS__)
+    g_forks = false;
+#endif
+
     // A store of its own; the library's log only for real errors.
     char dir[] = "/tmp/kspl_soak.XXXXXX";
     if (mkdtemp(dir) == nullptr) {
@@ -923,7 +932,6 @@ int main(int argc, char** argv) {
         return 1;
     }
     probe->lpVtbl->Release(probe);
-    g_childMayStartThreads = ChildMayStartThreads();
     const Baseline before = Measure();
     const long initsBefore = g_inits.load();
 
