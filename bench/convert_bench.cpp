@@ -1,45 +1,68 @@
-// Character conversion: the IKspl services (per-character iconv, one
-// descriptor per call) beside one bulk iconv call over the same text with a
-// descriptor opened once.
+// Character conversion: the IKspl services (kspl), the same length protocol
+// over the reference routines (ref: one descriptor per call, one iconv call
+// per character), and one bulk iconv call over the same text with a
+// descriptor opened once (iconv), side by side.
 //
-// Texts of 16, 1024 and 65536 characters: ASCII, Latin-1 letters, and text
-// with every tenth character outside Latin-1 (escaped by the services in
-// ISO-8859-1; ordinary three-byte characters in UTF-8). Both directions,
-// with ISO-8859-1 as the OEM code page (selector 2) and with UTF-8
-// (selector 3). Throughput counts characters of the text (MB/s = million
-// characters per second). The services get output buffers large enough
-// for the worst case, so they write in place without a work buffer.
+// Names: <direction>/<impl>/<code page>/<text>/<characters>, with direction
+// to_narrow (16-bit to narrow) or to_wide, impl kspl, ref or iconv. Code
+// pages: ISO-8859-1 (OEM of the setup ZELTA_CODE_PAGE=ISO-8859-1),
+// WINDOWS-1252 (ANSI of the setup 437), UTF-8 (selector 3), SHIFT_JIS (OEM
+// of the setup SHIFT_JIS: not single-byte, converted on a cached
+// descriptor). Texts: ASCII; Latin-1 letters; every tenth character outside
+// Latin-1 (escaped by the services in the single-byte code pages, ordinary
+// characters in UTF-8); Japanese (kana, kanji and ASCII) for SHIFT_JIS.
+// Throughput counts characters of the text (bytes_per_second = characters
+// per second). The services get output buffers large enough for the worst
+// case, so they write in place without a work buffer.
 //
-// The bulk baseline for 16-bit to ISO-8859-1 with characters outside
-// Latin-1 uses //TRANSLIT (it writes '?' for them instead of escaping
-// them; //IGNORE would stop early and flatter the baseline).
+// The bulk baseline for 16-bit to a single-byte code page with characters
+// it lacks uses //TRANSLIT (it writes '?' instead of escaping them; //IGNORE
+// would stop early and flatter the baseline). After the run a table gives
+// the throughput of all three and the ratios, from process CPU time.
 #include <benchmark/benchmark.h>
 #include <iconv.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <map>
 #include <string>
 #include <vector>
 
 #include "bench_support.h"
+#include "convert_int.h"
 #include "locale_int.h"
 
 namespace {
 
-enum class Kind { Ascii, Latin1, Foreign10 };
-enum class Page { Latin1, Utf8 };
+enum class Kind { Ascii, Latin1, Foreign10, Japanese };
+enum class Impl { Kspl, Ref, Iconv };
+
+struct Page {
+    const char* name;     // iconv name of the code page
+    const char* setting;  // ZELTA_CODE_PAGE that makes it the OEM or ANSI code page
+    UINT32 selector;
+};
+const Page kPages[] = {{"ISO-8859-1", "ISO-8859-1", 2},
+                       {"WINDOWS-1252", "437", 1},
+                       {"UTF-8", nullptr, 3},
+                       {"SHIFT_JIS", "SHIFT_JIS", 2}};
 
 const char* KindName(Kind k) {
-    return k == Kind::Ascii ? "ascii" : k == Kind::Latin1 ? "latin1" : "foreign10pct";
+    switch (k) {
+        case Kind::Ascii: return "ascii";
+        case Kind::Latin1: return "latin1";
+        case Kind::Foreign10: return "foreign10pct";
+        default: return "japanese";
+    }
 }
-const char* PageName(Page p) { return p == Page::Latin1 ? "ISO-8859-1" : "UTF-8"; }
-UINT32 Selector(Page p) { return p == Page::Latin1 ? 2u : 3u; }
+const char* ImplName(Impl i) { return i == Impl::Kspl ? "kspl" : i == Impl::Ref ? "ref" : "iconv"; }
 
 std::vector<WCHAR> MakeText(Kind kind, size_t chars) {
     static const char16_t kLatin1[] = u"\u00E9\u00E8\u00E0\u00FC\u00F6\u00E4\u00DF\u00E7";
     static const char16_t kForeign[] = u"\u4E2D\u6587\u0416\u03A9\u20AC";
+    static const char16_t kJapanese[] = u"\u65E5\u672C\u8A9E\u306E\u30C6\u30AD\u30B9\u30C8\u3001";
     std::vector<WCHAR> text;
     text.reserve(chars + 1);
     for (size_t i = 0; i < chars; ++i) {
@@ -47,6 +70,7 @@ std::vector<WCHAR> MakeText(Kind kind, size_t chars) {
         if (i % 7 == 6) c = ' ';
         if (kind == Kind::Latin1 && i % 3 == 1) c = kLatin1[i % 8];
         if (kind == Kind::Foreign10 && i % 10 == 9) c = kForeign[i % 5];
+        if (kind == Kind::Japanese && i % 4 != 3) c = kJapanese[i % 9];
         text.push_back(c);
     }
     text.push_back(0);
@@ -54,33 +78,35 @@ std::vector<WCHAR> MakeText(Kind kind, size_t chars) {
 }
 
 IKspl* Instance() {
-    static IKspl* k = [] {
-        IKspl* instance = BenchInstance();
-        // A fixed OEM code page whatever the machine's locale says.
-        static char latin1[] = "ISO-8859-1";
-        g_pOemCodePage = latin1;
-        g_oemCodePageSupportsEuro = FALSE;
-        return instance;
-    }();
+    static IKspl* k = BenchInstance();
     return k;
 }
 
-std::string NarrowOf(const std::vector<WCHAR>& wide, Page page) {
-    IKspl* k = Instance();
+// Runs the code page setup again when a benchmark needs another one (the
+// benchmarks run one at a time, no conversion is in progress).
+void UseSetup(const char* setting) {
+    static std::string current = "-";
+    if (setting == nullptr || current == setting) return;
+    setenv("ZELTA_CODE_PAGE", setting, 1);
+    UnInitCharConvInfrastructure();
+    if (InitCharConvInfrastructure() != 0) std::abort();
+    current = setting;
+}
+
+std::string NarrowOf(const std::vector<WCHAR>& wide, const Page& page) {
     std::vector<char> out(12 * wide.size() + 1);
     UINT32 len = static_cast<UINT32>(out.size());
-    if (KsoWideCharToMultiByte(k, Selector(page), const_cast<WCHAR*>(wide.data()), -1, out.data(),
-                               &len) != 0) {
+    if (KsoWideCharToMultiByte(Instance(), page.selector, const_cast<WCHAR*>(wide.data()), -1,
+                               out.data(), &len) != 0) {
         std::abort();
     }
     return std::string(out.data(), len);
 }
 
-// Throughput of each case, service and bulk baseline, from the CPU time
-// over the measured loop; the last (longest) run of a case wins.
+// Throughput of each case per implementation, from the CPU time over the
+// measured loop; the last run of a case wins.
 struct Rates {
-    double kspl = 0;
-    double iconv = 0;
+    double rate[3] = {};
 };
 std::map<std::string, Rates>& RateTable() {
     static auto* table = new std::map<std::string, Rates>;
@@ -91,65 +117,41 @@ std::map<std::string, Rates>& RateTable() {
 // benchmarks run.
 double CpuSeconds() { return static_cast<double>(std::clock()) / CLOCKS_PER_SEC; }
 
-void Finish(benchmark::State& state, const char* direction, bool service, Kind kind, Page page,
-            size_t chars, double cpuStart) {
+struct Case {
+    const char* direction;
+    Impl impl;
+    Kind kind;
+    const Page* page;
+};
+
+void Finish(benchmark::State& state, const Case& c, size_t chars, double cpuStart) {
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * chars));
     const double seconds = CpuSeconds() - cpuStart;
     if (seconds <= 0) return;
     char name[96];
-    std::snprintf(name, sizeof(name), "%s/%s/%s/%zu", direction, PageName(page), KindName(kind),
+    std::snprintf(name, sizeof(name), "%s/%s/%s/%zu", c.direction, c.page->name, KindName(c.kind),
                   chars);
-    Rates& r = RateTable()[name];
-    (service ? r.kspl : r.iconv) = static_cast<double>(state.iterations() * chars) / seconds;
+    RateTable()[name].rate[static_cast<int>(c.impl)] =
+        static_cast<double>(state.iterations() * chars) / seconds;
 }
 
-// Each service beside its bulk iconv baseline: MB/s of both and how many
-// times slower the service is.
 void PrintRatios() {
-    std::printf("\n%-40s %12s %12s %10s\n", "case", "kspl MB/s", "iconv MB/s", "slowdown");
+    std::printf("\n%-40s %10s %10s %10s %9s %9s\n", "case (M characters/s)", "kspl", "ref",
+                "iconv", "kspl/ref", "kspl/iconv");
     for (const auto& [name, r] : RateTable()) {
-        if (r.kspl <= 0 || r.iconv <= 0) continue;
-        std::printf("%-40s %12.2f %12.2f %9.0fx\n", name.c_str(), r.kspl / 1e6, r.iconv / 1e6,
-                    r.iconv / r.kspl);
+        const double kspl = r.rate[0];
+        const double ref = r.rate[1];
+        const double bulk = r.rate[2];
+        if (kspl <= 0) continue;
+        std::printf("%-40s %10.2f %10.2f %10.2f %8.0fx %8.2fx\n", name.c_str(), kspl / 1e6,
+                    ref / 1e6, bulk / 1e6, ref > 0 ? kspl / ref : 0.0, bulk > 0 ? kspl / bulk : 0.0);
     }
-}
-
-void BM_KsplToNarrow(benchmark::State& state, Kind kind, Page page) {
-    IKspl* k = Instance();
-    const size_t chars = static_cast<size_t>(state.range(0));
-    std::vector<WCHAR> text = MakeText(kind, chars);
-    std::vector<char> out(12 * chars + 1);
-    const double cpuStart = CpuSeconds();
-    for (auto _ : state) {
-        UINT32 len = static_cast<UINT32>(out.size());
-        KSSTATUS st = KsoWideCharToMultiByte(k, Selector(page), text.data(),
-                                             static_cast<INT32>(chars), out.data(), &len);
-        if (st != 0) state.SkipWithError("conversion failed");
-        benchmark::DoNotOptimize(out.data());
-    }
-    Finish(state, "to_narrow", true, kind, page, chars, cpuStart);
-}
-
-void BM_KsplToWide(benchmark::State& state, Kind kind, Page page) {
-    IKspl* k = Instance();
-    const size_t chars = static_cast<size_t>(state.range(0));
-    std::string narrow = NarrowOf(MakeText(kind, chars), page);
-    std::vector<WCHAR> out(narrow.size() + 1);
-    const double cpuStart = CpuSeconds();
-    for (auto _ : state) {
-        UINT32 len = static_cast<UINT32>(out.size());
-        KSSTATUS st = KsoMultiByteToWideChar(k, Selector(page), narrow.data(),
-                                             static_cast<INT32>(narrow.size()), out.data(), &len);
-        if (st != 0) state.SkipWithError("conversion failed");
-        benchmark::DoNotOptimize(out.data());
-    }
-    Finish(state, "to_wide", true, kind, page, chars, cpuStart);
 }
 
 // One iconv call over the whole text per iteration; the descriptor is
 // opened once and reset between iterations.
-void RunBulk(benchmark::State& state, const char* direction, Kind kind, Page page, const char* to,
-             const char* from, const void* in, size_t inBytes, size_t outBytes, size_t chars) {
+void RunBulk(benchmark::State& state, const Case& c, const char* to, const char* from,
+             const void* in, size_t inBytes, size_t outBytes, size_t chars) {
     iconv_t cd = iconv_open(to, from);
     if (cd == reinterpret_cast<iconv_t>(-1)) {
         state.SkipWithError("iconv_open failed");
@@ -166,40 +168,72 @@ void RunBulk(benchmark::State& state, const char* direction, Kind kind, Page pag
         benchmark::DoNotOptimize(iconv(cd, &inPtr, &inLeft, &outPtr, &outLeft));
         benchmark::DoNotOptimize(out.data());
     }
-    Finish(state, direction, false, kind, page, chars, cpuStart);
+    Finish(state, c, chars, cpuStart);
     iconv_close(cd);
 }
 
-void BM_IconvToNarrow(benchmark::State& state, Kind kind, Page page) {
+void BM_ToNarrow(benchmark::State& state, Case c) {
+    UseSetup(c.page->setting);
     const size_t chars = static_cast<size_t>(state.range(0));
-    std::vector<WCHAR> text = MakeText(kind, chars);
-    std::string to = PageName(page);
-    if (page == Page::Latin1 && kind == Kind::Foreign10) to += "//TRANSLIT";
-    RunBulk(state, "to_narrow", kind, page, to.c_str(), "UNICODE", text.data(), 2 * chars, 4 * chars + 8, chars);
+    std::vector<WCHAR> text = MakeText(c.kind, chars);
+    if (c.impl == Impl::Iconv) {
+        std::string to = c.page->name;
+        if (c.kind == Kind::Foreign10 && c.page->selector != 3) to += "//TRANSLIT";
+        RunBulk(state, c, to.c_str(), "UNICODE", text.data(), 2 * chars, 4 * chars + 8, chars);
+        return;
+    }
+    auto* service = c.impl == Impl::Kspl ? KsoWideCharToMultiByte : KsplRefWideCharToMultiByte;
+    IKspl* k = Instance();
+    std::vector<char> out(12 * chars + 1);
+    const double cpuStart = CpuSeconds();
+    for (auto _ : state) {
+        UINT32 len = static_cast<UINT32>(out.size());
+        KSSTATUS st = service(k, c.page->selector, text.data(), static_cast<INT32>(chars),
+                              out.data(), &len);
+        if (st != 0) state.SkipWithError("conversion failed");
+        benchmark::DoNotOptimize(out.data());
+    }
+    Finish(state, c, chars, cpuStart);
 }
 
-void BM_IconvToWide(benchmark::State& state, Kind kind, Page page) {
+void BM_ToWide(benchmark::State& state, Case c) {
+    UseSetup(c.page->setting);
     const size_t chars = static_cast<size_t>(state.range(0));
-    std::string narrow = NarrowOf(MakeText(kind, chars), page);
-    RunBulk(state, "to_wide", kind, page, "UNICODE", PageName(page), narrow.data(), narrow.size(),
-            2 * narrow.size() + 8, chars);
+    std::string narrow = NarrowOf(MakeText(c.kind, chars), *c.page);
+    if (c.impl == Impl::Iconv) {
+        RunBulk(state, c, "UNICODE", c.page->name, narrow.data(), narrow.size(),
+                2 * narrow.size() + 8, chars);
+        return;
+    }
+    auto* service = c.impl == Impl::Kspl ? KsoMultiByteToWideChar : KsplRefMultiByteToWideChar;
+    IKspl* k = Instance();
+    std::vector<WCHAR> out(narrow.size() + 1);
+    const double cpuStart = CpuSeconds();
+    for (auto _ : state) {
+        UINT32 len = static_cast<UINT32>(out.size());
+        KSSTATUS st = service(k, c.page->selector, narrow.data(),
+                              static_cast<INT32>(narrow.size()), out.data(), &len);
+        if (st != 0) state.SkipWithError("conversion failed");
+        benchmark::DoNotOptimize(out.data());
+    }
+    Finish(state, c, chars, cpuStart);
 }
 
 void Register() {
-    for (Page page : {Page::Latin1, Page::Utf8}) {
-        for (Kind kind : {Kind::Ascii, Kind::Latin1, Kind::Foreign10}) {
-            const std::string suffix = std::string("/") + PageName(page) + "/" + KindName(kind);
-            auto add = [&](const std::string& name, auto fn) {
-                benchmark::RegisterBenchmark(name.c_str(), fn, kind, page)
-                    ->Arg(16)
-                    ->Arg(1024)
-                    ->Arg(65536)
-                    ->MinTime(0.2);
-            };
-            add("to_narrow/kspl" + suffix, BM_KsplToNarrow);
-            add("to_narrow/iconv" + suffix, BM_IconvToNarrow);
-            add("to_wide/kspl" + suffix, BM_KsplToWide);
-            add("to_wide/iconv" + suffix, BM_IconvToWide);
+    for (const Page& page : kPages) {
+        const bool japanese = std::strcmp(page.name, "SHIFT_JIS") == 0;
+        for (Kind kind : {Kind::Ascii, Kind::Latin1, Kind::Foreign10, Kind::Japanese}) {
+            if (japanese != (kind == Kind::Japanese) && !(japanese && kind == Kind::Ascii)) continue;
+            for (const char* direction : {"to_narrow", "to_wide"}) {
+                for (Impl impl : {Impl::Kspl, Impl::Ref, Impl::Iconv}) {
+                    const std::string name = std::string(direction) + "/" + ImplName(impl) + "/" +
+                                             page.name + "/" + KindName(kind);
+                    auto* fn = direction[3] == 'n' ? BM_ToNarrow : BM_ToWide;
+                    auto* b = benchmark::RegisterBenchmark(name.c_str(), fn,
+                                                           Case{direction, impl, kind, &page});
+                    b->Arg(16)->Arg(1024)->Arg(65536);
+                }
+            }
         }
     }
 }

@@ -1,7 +1,7 @@
 // The object store beside a std::unordered_map of the same objects under a
-// std::shared_mutex: create + delete, reference by handle + dereference (one
-// and two threads) and find by key, with objects per second and the ratios
-// printed after the run.
+// std::shared_mutex: create + delete, reference by handle + dereference and
+// find by key + dereference (one and two threads), with objects per second
+// and the ratios printed after the run.
 #include <benchmark/benchmark.h>
 
 #include <atomic>
@@ -176,7 +176,7 @@ BENCHMARK(BM_MapReferenceByHandle)->Threads(1)->Threads(2)->UseRealTime();
 void BM_OmFindByKey(benchmark::State& state) {
     Populated& p = Shared();
     IOM* om = p.om;
-    UINT32 k = 0;
+    UINT32 k = static_cast<UINT32>(state.thread_index()) * 97;
     for (auto _ : state) {
         PVOID user = nullptr;
         UINT32 key = k % kObjects;
@@ -186,11 +186,11 @@ void BM_OmFindByKey(benchmark::State& state) {
     }
     state.SetItemsProcessed(state.iterations());
 }
-BENCHMARK(BM_OmFindByKey);
+BENCHMARK(BM_OmFindByKey)->Threads(1)->Threads(2)->UseRealTime();
 
 void BM_MapFindByKey(benchmark::State& state) {
     RefMap& m = SharedMap();
-    UINT32 k = 0;
+    UINT32 k = static_cast<UINT32>(state.thread_index()) * 97;
     for (auto _ : state) {
         MapEntry* e;
         {
@@ -207,7 +207,7 @@ void BM_MapFindByKey(benchmark::State& state) {
     }
     state.SetItemsProcessed(state.iterations());
 }
-BENCHMARK(BM_MapFindByKey);
+BENCHMARK(BM_MapFindByKey)->Threads(1)->Threads(2)->UseRealTime();
 
 // ---------------------------------------------------------------------------
 // Ratios
@@ -236,7 +236,8 @@ public:
              "BM_MapReferenceByHandle/real_time/threads:1"},
             {"BM_OmReferenceByHandle/real_time/threads:2",
              "BM_MapReferenceByHandle/real_time/threads:2"},
-            {"BM_OmFindByKey", "BM_MapFindByKey"},
+            {"BM_OmFindByKey/real_time/threads:1", "BM_MapFindByKey/real_time/threads:1"},
+            {"BM_OmFindByKey/real_time/threads:2", "BM_MapFindByKey/real_time/threads:2"},
         };
         std::printf("\nratios kspl / reference (time per object):%40s %6s\n", "real", "cpu");
         for (const auto& pair : kPairs) {

@@ -1,16 +1,19 @@
 #!/usr/bin/env bash
 # Installs what building and testing kspl needs on a fresh Debian machine.
-# Usage: scripts/setup.sh [--i386] [--bench]
+# Usage: scripts/setup.sh [--i386] [--bench] [--fuzz]
 #   --i386   also the 32-bit toolchain, qemu-user and the i386 SQLite runtime
 #   --bench  also the peer libraries the benchmarks compare against
+#   --fuzz   also clang and its runtimes (libFuzzer, sanitizers) for the fuzz preset
 set -u
 here=$(cd "$(dirname "$0")/.." && pwd)
 want_i386=0
 want_bench=0
+want_fuzz=0
 for a in "$@"; do
   case "$a" in
     --i386) want_i386=1 ;;
     --bench) want_bench=1 ;;
+    --fuzz) want_fuzz=1 ;;
   esac
 done
 
@@ -21,6 +24,7 @@ export DEBIAN_FRONTEND=noninteractive
 pkgs="cmake ninja-build g++ gcc make pkg-config googletest libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev sqlite3 binutils"
 [ "$want_i386" = 1 ] && pkgs="$pkgs g++-multilib qemu-user"
 [ "$want_bench" = 1 ] && pkgs="$pkgs libglib2.0-dev libapr1-dev"
+[ "$want_fuzz" = 1 ] && pkgs="$pkgs clang libclang-rt-14-dev"
 
 missing=""
 for p in $pkgs; do

@@ -22,6 +22,22 @@ for p in "${presets[@]}"; do
     failed+=("$p")
   fi
 done
+# Reliability checks, after the presets (all of them on a full run).
+if [ $# -eq 0 ]; then
+  for check in "fuzz.sh ${KSPL_FUZZ_SECONDS:-30}" "soak.sh ${KSPL_SOAK_SECONDS:-60}" "valgrind.sh"; do
+    script=${check%% *}
+    [ -f "scripts/$script" ] || continue
+    echo "=== $check ==="
+    start=$(date +%s)
+    if bash scripts/$check; then
+      echo "=== $script passed in $(( $(date +%s) - start ))s ==="
+    else
+      echo "=== $script FAILED ==="
+      failed+=("$script")
+    fi
+  done
+fi
+
 if [ ${#failed[@]} -gt 0 ]; then
   echo "failed presets: ${failed[*]}"
   exit 1

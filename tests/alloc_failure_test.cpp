@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "conv_test_util.h"
+#include "convert_int.h"
 #include "kspl_test.h"
 #include "linklist_int.h"
 #include "locale_int.h"
@@ -360,14 +361,33 @@ TEST_F(AllocFailureTest, ConversionWorkBuffers) {
     }
 }
 
-// Code page setup copies both names; a failure of either leaves neither.
+// Code page setup copies both names (a failure of either leaves neither)
+// and then builds the lookup tables of the conversions, which are optional:
+// without memory for them the setup still succeeds and conversions give the
+// same results the slow way.
+std::u16string ConvertOem(const char* text) {
+    WCHAR out[16];
+    UINT32 units = 16;
+    if (pIKspl->lpVtbl->KsoMultiByteToWideChar(pIKspl, KSO_CP_OEM, const_cast<char*>(text), -1,
+                                               out, &units) != 0) {
+        return u"<failed>";
+    }
+    return AsU16(out, units);
+}
+
 TEST_F(AllocFailureTest, CodePageSetup) {
     EXPECT_EQ(KsplRunInChild([] {
                   setenv("ZELTA_CODE_PAGE", "850", 1);
+                  const char text[] = "\x82t\x82 \x9c";  // e-acute, pound sign in 850
+                  UnInitCharConvInfrastructure();
+                  ASSERT_EQ(InitCharConvInfrastructure(), 0);
+                  const std::u16string expected = ConvertOem(text);
+                  ASSERT_EQ(expected, u"\u00e9t\u00e9 \u00a3");
                   UnInitCharConvInfrastructure();
                   for (bool sticky : {false, true}) {
-                      for (unsigned n = 1; n <= 3; ++n) {
-                          SCOPED_TRACE(n);
+                      for (unsigned n = 1;; ++n) {
+                          SCOPED_TRACE(::testing::Message() << n << (sticky ? " and later" : ""));
+                          ASSERT_LT(n, kMaxAllocations);
                           KsplAllocFailArm(n, sticky);
                           int rc = InitCharConvInfrastructure();
                           bool fired = KsplAllocFailDisarm();
@@ -376,15 +396,26 @@ TEST_F(AllocFailureTest, CodePageSetup) {
                               EXPECT_EQ(rc, -1);
                               EXPECT_EQ(g_pOemCodePage, nullptr);
                               EXPECT_EQ(g_pAnsiCodePage, nullptr);
-                          } else {
-                              EXPECT_FALSE(fired);
-                              ASSERT_EQ(rc, 0);
-                              EXPECT_STREQ(g_pOemCodePage, "850");
-                              EXPECT_STREQ(g_pAnsiCodePage, "WINDOWS-1252");
-                              UnInitCharConvInfrastructure();
+                              continue;
                           }
+                          ASSERT_EQ(rc, 0);
+                          EXPECT_STREQ(g_pOemCodePage, "850");
+                          EXPECT_STREQ(g_pAnsiCodePage, "WINDOWS-1252");
+                          EXPECT_EQ(ConvertOem(text), expected);
+                          // Tables of the OEM code page, then of the ANSI one.
+                          if (sticky && fired) {
+                              EXPECT_FALSE(KsplConvHasTables(g_pAnsiCodePage));
+                              if (n <= 4) {
+                                  EXPECT_FALSE(KsplConvHasTables(g_pOemCodePage));
+                              }
+                          }
+                          UnInitCharConvInfrastructure();
+                          if (!fired) break;
                       }
                   }
+                  ASSERT_EQ(InitCharConvInfrastructure(), 0);
+                  EXPECT_TRUE(KsplConvHasTables(g_pOemCodePage)) << "a clean setup builds the tables";
+                  EXPECT_TRUE(KsplConvHasTables(g_pAnsiCodePage));
               }),
               0);
 }

@@ -452,6 +452,32 @@ TEST_F(ConfigTest, EnumerateValueRecord) {
     Close(h);
 }
 
+// List data written by another program may lack its final NULs. Ten
+// escapes fill the whole data area (60 bytes, 10 units): the walk over the
+// list must end at the stored data, not read past the work buffer.
+TEST_F(ConfigTest, EnumeratedListWithoutItsNulsEndsAtTheStoredData) {
+    HANDLE h = Create(u"RawList");
+    HANDLE raw = nullptr;
+    ASSERT_EQ(ZLRegOpenKeyExA(kMachine, "Software\\Zorvik\\RawList", 0, ZLREG_ACCESS_WRITE, &raw), 0u);
+    std::string data;
+    for (int i = 0; i < 10; ++i) data += "[0041]";
+    ASSERT_EQ(ZLRegSetValueExA(raw, "l", 0, ZLREG_MULTI_SZ, data.data(), 60), 0u);
+    ASSERT_EQ(ZLRegSetValueExA(raw, "m", 0, ZLREG_MULTI_SZ, "ab", 2), 0u);
+    EXPECT_EQ(ZLRegCloseKey(raw), 0u);
+
+    std::vector<UINT8> rec(60, kFill);
+    UINT32 result = 0;
+    ASSERT_EQ(v->KsoEnumerateValueKey(k, h, 0, rec.data(), 60, &result), 0u);
+    EXPECT_EQ(U32At(rec, 8), 28u);
+    EXPECT_EQ(U32At(rec, 12), 26u);
+    EXPECT_EQ(UnitsAt(rec, 28, 13), std::u16string(u"AAAAAAAAAA\0\0\0", 13));
+    std::vector<UINT8> rec2(64, kFill);
+    ASSERT_EQ(v->KsoEnumerateValueKey(k, h, 1, rec2.data(), 64, &result), 0u);
+    EXPECT_EQ(U32At(rec2, 12), 10u);
+    EXPECT_EQ(UnitsAt(rec2, 28, 5), std::u16string(u"ab\0\0\0", 5));
+    Close(h);
+}
+
 // Names and strings outside ASCII pass through the OEM code page both ways.
 TEST_F(ConfigTest, NonAsciiThroughTheOemCodePage) {
     for (const char* page : {"CP437", "UTF-8", "ANSI_X3.4-1968"}) {

@@ -203,6 +203,7 @@ TEST_P(OmConcurrency, ChurnOnSharedKeysDestroysEachObjectOnce) {
 
 TEST_P(OmConcurrency, EnumerationDuringChurnOnlySeesLiveObjects) {
     std::atomic<bool> stop{false};
+    std::atomic<int> created{0};
     std::vector<std::thread> churn;
     for (int t = 0; t < 2; ++t) {
         churn.emplace_back([&, t] {
@@ -214,6 +215,7 @@ TEST_P(OmConcurrency, EnumerationDuringChurnOnlySeesLiveObjects) {
                 ASSERT_EQ(om_->lpVtbl->CreateObject(om_, KeyArg(key), InitItem, KeyArg(key),
                                                     CompareItem, key % 8, 0, 0, &user, &mode),
                           0u);
+                created.fetch_add(1);
                 if (rng() % 2 == 0) {
                     EXPECT_EQ(om_->lpVtbl->DeleteObject(om_, user, 0), 0u);
                 } else {
@@ -221,6 +223,11 @@ TEST_P(OmConcurrency, EnumerationDuringChurnOnlySeesLiveObjects) {
                 }
             }
         });
+    }
+    // On a loaded machine the churn threads may start late: scan once they run.
+    auto startBy = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (created.load() < 50 && std::chrono::steady_clock::now() < startBy) {
+        std::this_thread::yield();
     }
     int scans = 0;
     int seen = 0;
@@ -322,6 +329,65 @@ TEST_P(OmConcurrency, TeardownWhileOtherThreadsHoldObjects) {
     std::lock_guard<std::mutex> g(g_ledger.mutex);
     std::set<UINT64> unique(g_ledger.destroyed.begin(), g_ledger.destroyed.end());
     EXPECT_EQ(unique.size(), static_cast<size_t>(kThreads * kPerThread));
+}
+
+// Lock-step: a reader holds one or two references of an object while the
+// creator deletes it; the deletion drops only the creator's reference. The
+// reader's dereferences then take the count down to zero on a deleted
+// object, which must free it exactly once, whichever path each dereference
+// takes (with more than one reference left, with the last one, holding the
+// object's lock or not).
+TEST_P(OmConcurrency, LastReferenceOfADeletedObjectFreesIt) {
+    constexpr int kRounds = 60;
+    std::atomic<UINT32> handle{0};
+    std::atomic<int> step{0};  // 1: published, 2: reader holds, 3: deleted, 4: reader done
+    auto waitFor = [&](int value) {
+        while (step.load() != value) std::this_thread::yield();
+    };
+    std::thread reader([&] {
+        for (int r = 0; r < kRounds; ++r) {
+            waitFor(1);
+            const int holds = 1 + r % 2;
+            const UINT32 access = static_cast<UINT32>(r / 2 % 3);
+            PVOID user = nullptr;
+            for (int i = 0; i < holds; ++i) {
+                ASSERT_EQ(om_->lpVtbl->ReferenceObjectByHandle(om_, PtrFromHandle(handle.load()), 0,
+                                                               &user),
+                          0u);
+            }
+            step.store(2);
+            waitFor(3);
+            EXPECT_TRUE(FlagsOf(user) & OBJECT_DELETED);
+            EXPECT_EQ(CountOf(user), static_cast<UINT32>(holds));
+            EXPECT_EQ(g_routines.deletes.load(), r) << "freed while referenced";
+            for (int i = 0; i < holds; ++i) {
+                // The object's lock can still be taken: it goes with the last reference.
+                if (access != 0) om_->lpVtbl->AcquireObject(om_, user, access);
+                EXPECT_EQ(om_->lpVtbl->DereferenceObject(om_, user, access), 0u);
+            }
+            step.store(4);
+        }
+    });
+    for (int r = 0; r < kRounds; ++r) {
+        PVOID user = nullptr;
+        const UINT32 key = static_cast<UINT32>(r);
+        ASSERT_EQ(om_->lpVtbl->CreateObject(om_, KeyArg(key), InitItem, KeyArg(key), CompareItem,
+                                            key % 8, 0, 0, &user, nullptr),
+                  0u);
+        handle.store(HandleOf(om_, user));
+        step.store(1);
+        waitFor(2);
+        EXPECT_EQ(om_->lpVtbl->DeleteObject(om_, user, 0), 0u);
+        step.store(3);
+        waitFor(4);
+        Settle();
+        EXPECT_EQ(g_routines.deletes.load(), r + 1) << "round " << r;
+        UINT32 inUse = 1;
+        EXPECT_EQ(om_->lpVtbl->GetObjectStats(om_, nullptr, &inUse, nullptr), 0u);
+        EXPECT_EQ(inUse, 0u) << "round " << r;
+    }
+    reader.join();
+    DrainAndCheck();
 }
 
 INSTANTIATE_TEST_SUITE_P(LockKinds, OmConcurrency,

@@ -13,11 +13,13 @@
 
 // Whether a forked child of this (multi-threaded) process can start
 // threads. ThreadSanitizer cannot follow it (its thread registry still holds
-// the parent's threads, whose stacks the child reuses), and qemu-user aborts
-// on it; elsewhere a probe child shows that it works. The tests whose
+// the parent's threads, whose stacks the child reuses), qemu-user aborts
+// on it, and under AddressSanitizer the child can inherit the sanitizer
+// allocator's internal lock held by another thread and hang; elsewhere a
+// probe child shows that it works. The tests whose
 // children rebuild the pools are skipped where it does not.
 inline bool ChildMayStartThreads() {
-#if defined(__SANITIZE_THREAD__)
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
     return false;
 #else
     static int probed = -1;
@@ -44,7 +46,7 @@ inline bool ChildMayStartThreads() {
 #define KSPL_SKIP_UNLESS_CHILD_MAY_START_THREADS()                                          \
     do {                                                                                    \
         if (!ChildMayStartThreads()) {                                                      \
-            GTEST_SKIP() << "a forked child cannot start threads here (thread sanitizer or " \
+            GTEST_SKIP() << "a forked child cannot start threads here (sanitizer or " \
                             "qemu-user)";                                                   \
         }                                                                                   \
     } while (0)

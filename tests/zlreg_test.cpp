@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <stdarg.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -575,6 +576,107 @@ TEST_F(ZlregTest, NotADatabase) {
     ASSERT_EQ(ZLRegSetDatabasePath(path_.c_str()), 0u);
     h = Create("Software\\Fine");
     EXPECT_EQ(ZLRegCloseKey(h), 0u);
+}
+
+// Sets the process's umask for a scope.
+class UmaskScope {
+public:
+    explicit UmaskScope(mode_t mask) : old_(umask(mask)) {}
+    ~UmaskScope() { umask(old_); }
+    UmaskScope(const UmaskScope&) = delete;
+    UmaskScope& operator=(const UmaskScope&) = delete;
+
+private:
+    mode_t old_;
+};
+
+mode_t ModeOf(const std::string& path, uid_t* owner = nullptr) {
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0) return static_cast<mode_t>(-1);
+    if (owner != nullptr) *owner = st.st_uid;
+    return st.st_mode & 07777;
+}
+
+// Even with a umask that takes nothing away, the directories the store makes
+// and the database with its -wal and -shm files let no other user in.
+TEST_F(ZlregTest, CreatedFilesKeepOtherUsersOut) {
+    const std::string a = dir_ + "/a", b = a + "/b", db = b + "/store.db";
+    {
+        UmaskScope open(0);
+        ASSERT_EQ(ZLRegSetDatabasePath(db.c_str()), 0u);
+        HANDLE h = Create("Software\\Private");
+        ASSERT_EQ(ZLRegSetValueExA(h, "v", 0, ZLREG_UINT32, "\1\0\0\0", 4), 0u);
+        uid_t owner = 0;
+        EXPECT_EQ(ModeOf(a, &owner), 0700u);
+        EXPECT_EQ(owner, geteuid());
+        EXPECT_EQ(ModeOf(b), 0700u);
+        EXPECT_EQ(ModeOf(db, &owner), 0600u);
+        EXPECT_EQ(owner, geteuid());
+        // Both exist while this thread's connection is open after a write.
+        EXPECT_EQ(ModeOf(db + "-wal"), 0600u);
+        EXPECT_EQ(ModeOf(db + "-shm"), 0600u);
+        EXPECT_EQ(ZLRegCloseKey(h), 0u);
+        ASSERT_EQ(ZLRegSetDatabasePath(nullptr), 0u);
+    }
+    for (const char* suffix : {"", "-wal", "-shm", "-journal"}) unlink((db + suffix).c_str());
+    EXPECT_EQ(rmdir(b.c_str()), 0);
+    EXPECT_EQ(rmdir(a.c_str()), 0);
+}
+
+// A directory at the database path is refused with its own status and a
+// log line naming it; nothing is created inside it.
+TEST_F(ZlregTest, DirectoryAsDatabaseIsRefused) {
+    ASSERT_EQ(ZLRegSetDatabasePath(dir_.c_str()), 0u);
+    HANDLE h = nullptr;
+    StatusCapture cap;
+    EXPECT_EQ(ZLRegOpenKeyExA(kMachine, "Software", 0, 0, &h), Z(ZLREG_E_STORE_UNSAFE));
+    EXPECT_EQ(h, nullptr);
+    EXPECT_TRUE(cap.WasBuilt(Z(ZLREG_E_STORE_UNSAFE), "ZLRegOpenKeyExA"));
+    EXPECT_TRUE(SyslogContains(dir_ + ": refused: a directory"));
+    EXPECT_TRUE(ZLREG_IS_STORE_FAILURE(Z(ZLREG_E_STORE_UNSAFE)));
+    // A link of one's own to a directory is no better.
+    const std::string link = dir_ + "/to-dir";
+    ASSERT_EQ(symlink(dir_.c_str(), link.c_str()), 0);
+    ASSERT_EQ(ZLRegSetDatabasePath(link.c_str()), 0u);
+    EXPECT_EQ(ZLRegCreateKeyExA(kMachine, "Software", 0, nullptr, 0, 0, nullptr, &h, nullptr),
+              Z(ZLREG_E_STORE_UNSAFE));
+    ASSERT_EQ(ZLRegSetDatabasePath(nullptr), 0u);
+    EXPECT_EQ(unlink(link.c_str()), 0);
+}
+
+// A symbolic link of one's own is followed: the store lives at its target.
+TEST_F(ZlregTest, OwnLinkIsFollowed) {
+    const std::string link = dir_ + "/link.db";
+    ASSERT_EQ(symlink(path_.c_str(), link.c_str()), 0);
+    ASSERT_EQ(ZLRegSetDatabasePath(link.c_str()), 0u);
+    HANDLE h = Create("Software\\ByLink");
+    EXPECT_EQ(ZLRegCloseKey(h), 0u);
+    ASSERT_EQ(ZLRegSetDatabasePath(path_.c_str()), 0u);
+    h = nullptr;
+    EXPECT_EQ(ZLRegOpenKeyExA(kMachine, "Software\\ByLink", 0, 0, &h), 0u);
+    EXPECT_EQ(ZLRegCloseKey(h), 0u);
+    EXPECT_EQ(unlink(link.c_str()), 0);
+}
+
+// A link owned by another user decides where the writes go: refused, and
+// its target is not created. Making such a link takes root.
+TEST_F(ZlregTest, OtherUsersLinkIsRefused) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to give a link to another user";
+    const std::string link = dir_ + "/foreign.db";
+    ASSERT_EQ(symlink(path_.c_str(), link.c_str()), 0);
+    ASSERT_EQ(lchown(link.c_str(), 65534, 65534), 0);
+    ASSERT_EQ(ZLRegSetDatabasePath(link.c_str()), 0u);
+    HANDLE h = nullptr;
+    StatusCapture cap;
+    EXPECT_EQ(ZLRegCreateKeyExA(kMachine, "Software", 0, nullptr, 0, 0, nullptr, &h, nullptr),
+              Z(ZLREG_E_STORE_UNSAFE));
+    EXPECT_EQ(h, nullptr);
+    EXPECT_TRUE(cap.WasBuilt(Z(ZLREG_E_STORE_UNSAFE), "ZLRegCreateKeyExA"));
+    EXPECT_TRUE(SyslogContains(link + ": refused: a symbolic link owned by another user"));
+    struct stat st;
+    EXPECT_NE(stat(path_.c_str(), &st), 0) << "the link's target was created";
+    ASSERT_EQ(ZLRegSetDatabasePath(nullptr), 0u);
+    EXPECT_EQ(unlink(link.c_str()), 0);
 }
 
 }  // namespace

@@ -82,6 +82,45 @@ KSSTATUS DeleteCommon(ObjectInfo* oi, PVOID pUserData, UINT32 accessType, UINT8 
     return 0;
 }
 
+// Drops a reference without the instance lock held exclusively when that
+// cannot be the decision to free; false, with nothing changed, when the
+// caller must take the locked path (a marked object losing its last
+// reference, or no reference to drop).
+//
+// - From two or more references: no lock. The count stays above zero, and
+//   lookups under the shared lock never depend on a decrement being
+//   locked: they refuse only an object with a mark and no reference.
+// - From one reference on an object without a mark: under the instance
+//   lock held shared, which keeps out every marking step taken under the
+//   exclusive lock. A caller that marks under the object lock alone holds
+//   a reference of its own until its decrement, which needs the exclusive
+//   lock, so it cannot be at work while the count is one and ours. Lookups
+//   running alongside may add a reference again; the object just stays,
+//   findable, as after a locked dereference.
+bool DropReferenceUnlocked(ObjectInfo* oi, Object* ob) {
+    constexpr UINT8 kMarks = OBJECT_DELETED | OBJECT_DEALLOCATED;
+    UINT32 count = ObCount(ob);
+    while (count >= 2) {
+        if (__atomic_compare_exchange_n(&ob->instanceCount, &count, count - 1, false,
+                                        __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
+            return true;
+        }
+    }
+    if (count == 0 || (ObFlags(ob) & kMarks) != 0) return false;
+    LockInstance(oi, kOmAccessShared);
+    bool done = false;
+    count = ObCount(ob);
+    while (count != 0 && (ObFlags(ob) & kMarks) == 0) {
+        if (__atomic_compare_exchange_n(&ob->instanceCount, &count, count - 1, false,
+                                        __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
+            done = true;
+            break;
+        }
+    }
+    UnlockInstance(oi);
+    return done;
+}
+
 }  // namespace
 
 KSSTATUS ObjectDelete(void* pThis, PVOID pUserData, UINT32 accessType) {
@@ -101,6 +140,7 @@ KSSTATUS ObjectDereference(void* pThis, PVOID pUserData, UINT32 accessType) {
     }
     Object* ob = ObFromUser(pUserData);
     ReleaseCallerLock(oi, ob, accessType);
+    if (DropReferenceUnlocked(oi, ob)) return 0;
     LockInstance(oi, kOmAccessExclusive);
     // On kStoreFreedStatus the record and its lock are gone.
     if (InternalObjectDereference(oi, ob) != kStoreFreedStatus) UnlockInstance(oi);

@@ -13,11 +13,16 @@
 //
 // The instance lock guards blockList, every free list, the lookup chains,
 // allocatedList, objDeleteList, objDeleteActive and the statistics. Changes
-// take it exclusively; lookups and reads of the statistics take it shared.
-// instanceCount changes only atomically, but a decrement (and so the
-// decision to free) only ever happens under the instance lock held
-// exclusively; increments happen under the lock in either mode, or without
-// it by a caller that already holds a reference. The flag bytes are changed
+// take it exclusively; lookups (by key, by handle, enumeration) and reads
+// of the statistics take it shared.
+// instanceCount changes only atomically. A decrement that could be the
+// decision to free (the last reference of a marked object) only ever
+// happens under the instance lock held exclusively, so no holder of the
+// lock in either mode sees the count of a marked object drop to zero.
+// DereferenceObject drops other references with the lock held shared, or
+// without it while more than one remains (objdel.cpp). Increments happen
+// under the lock in either mode, or without it by a caller that already
+// holds a reference. The flag bytes are changed
 // with atomic read-modify-write operations, because the first-open report
 // and a delete by an exclusive holder change them under the object lock
 // alone.

@@ -85,7 +85,7 @@ KSSTATUS ReferenceByHandleCore(ObjectInfo* oi, UINT32 handle, UINT32 accessType,
     UINT32 indexByte = HandleIndexByte(handle);
     if (indexByte == 0 || indexByte > oi->objectsPerBlock) return KSPL_OM_STATUS_INVALID_HANDLE;
 
-    LockInstance(oi, kOmAccessExclusive);
+    LockInstance(oi, kOmAccessShared);
     BlockHeader* bh = BlockById(oi, HandleBlockId(handle));
     Object* ob = bh != nullptr ? ObSlot(oi, bh, indexByte - 1) : nullptr;
     // The full word must match (a freed slot has moved on to its next

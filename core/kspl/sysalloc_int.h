@@ -39,6 +39,13 @@ inline void* KsplSysCalloc(size_t count, size_t size) {
 
 inline void KsplSysFree(void* p) { std::free(p); }
 
+inline char* KsplSysStrdup(const char* s) {
+    size_t size = __builtin_strlen(s) + 1;
+    auto* copy = static_cast<char*>(KsplSysAlloc(size));
+    if (copy != nullptr) __builtin_memcpy(copy, s, size);
+    return copy;
+}
+
 // Test control, per calling thread. Allocations of other threads are never
 // failed by it.
 //

@@ -5,6 +5,7 @@
 // g_configMutex guards g_path and g_pathResolved; it is taken before
 // g_handleMutex (fork preparation) and never while SQLite runs.
 #include <errno.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -12,6 +13,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -25,6 +27,9 @@ constexpr int kBusyTimeoutMs = 60000;
 constexpr int kSchemaVersion = 1;
 
 pthread_mutex_t g_configMutex = PTHREAD_MUTEX_INITIALIZER;
+// Serialises the check and creation of the database file among the
+// process's threads (see PrepareFile). Taken alone, never with another lock.
+pthread_mutex_t g_createMutex = PTHREAD_MUTEX_INITIALIZER;
 std::string g_path;         // guarded by g_configMutex
 bool g_pathResolved = false;  // guarded by g_configMutex
 // Bumped on every path change; a connection opened under another
@@ -72,8 +77,8 @@ const char* kSql[kStmtCount] = {
     "SELECT name,mtime FROM keys WHERE parent=?1 AND id<>?1 ORDER BY folded LIMIT 1 OFFSET ?2",
     /* kQueryValue */ "SELECT type,data FROM vals WHERE key=?1 AND folded=?2",
     /* kSetValue */
-    "INSERT INTO vals(key,name,folded,type,data) VALUES(?1,?2,?3,?4,?5) "
-    "ON CONFLICT(key,folded) DO UPDATE SET type=excluded.type,data=excluded.data",
+    ("INSERT INTO vals(key,name,folded,type,data) VALUES(?1,?2,?3,?4,?5) "
+     "ON CONFLICT(key,folded) DO UPDATE SET type=excluded.type,data=excluded.data"),
     /* kDeleteValue */ "DELETE FROM vals WHERE key=?1 AND folded=?2",
     /* kEnumValue */
     "SELECT name,type,data FROM vals WHERE key=?1 ORDER BY folded LIMIT 1 OFFSET ?2",
@@ -114,7 +119,8 @@ const char kSchema[] =
 
 bool DirWritable(const char* dir) { return access(dir, W_OK | X_OK) == 0; }
 
-// mkdir -p of the directories above `file`; the ones made here get 0700.
+// mkdir -p of the directories above `file`; the ones made here get 0700
+// (the umask can only take bits away).
 bool MakeParents(const std::string& file) {
     std::string::size_type pos = 0;
     while ((pos = file.find('/', pos + 1)) != std::string::npos) {
@@ -226,15 +232,69 @@ Err CreateSchema(Conn& c) {
     return Exec(c, "COMMIT");
 }
 
+// Makes sure the database path is one the store may use, creating the file
+// if it is missing. A missing file is created here, mode 0600 whatever the
+// umask, so that SQLite never makes it with its own default mode and its
+// -wal and -shm files (which take the database file's mode) are private too.
+// O_EXCL | O_NOFOLLOW: a link planted at the path meanwhile is not followed.
+// Refused: a directory, and a symbolic link owned by another user (someone
+// else decides where the writes go).
+//
+// The descriptor used for creating is closed again at once; closing drops
+// every POSIX lock the process holds on the file, which is harmless only
+// because the file is new: g_createMutex keeps the process's other threads
+// from looking at the path, and so from opening the file, until it is closed.
+Err PrepareFile(const std::string& path) {
+    struct MutexGuard {
+        MutexGuard() { pthread_mutex_lock(&g_createMutex); }
+        ~MutexGuard() { pthread_mutex_unlock(&g_createMutex); }
+    } guard;
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0) {
+        if (errno != ENOENT) {
+            LogStoreProblem(path, "cannot be examined", std::strerror(errno));
+            return ZLREG_ERR(ZLREG_E_STORE_PERMISSION);
+        }
+        if (!MakeParents(path)) {
+            LogStoreProblem(path, "cannot create its directory", std::strerror(errno));
+            return ZLREG_ERR(ZLREG_E_STORE_PERMISSION);
+        }
+        int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+        if (fd >= 0) {
+            fchmod(fd, 0600);
+            close(fd);
+        } else if (errno != EEXIST) {
+            LogStoreProblem(path, "cannot be created", std::strerror(errno));
+            return ZLREG_ERR(ZLREG_E_STORE_PERMISSION);
+        }
+        if (lstat(path.c_str(), &st) != 0) {
+            LogStoreProblem(path, "cannot be examined", std::strerror(errno));
+            return ZLREG_ERR(ZLREG_E_STORE_PERMISSION);
+        }
+    }
+    if (S_ISLNK(st.st_mode) && st.st_uid != geteuid()) {
+        char detail[64];
+        std::snprintf(detail, sizeof detail, "link owner uid %u", static_cast<unsigned>(st.st_uid));
+        LogStoreProblem(path, "refused: a symbolic link owned by another user", detail);
+        return ZLREG_ERR(ZLREG_E_STORE_UNSAFE);
+    }
+    struct stat target;
+    if (S_ISDIR(st.st_mode) || (S_ISLNK(st.st_mode) && stat(path.c_str(), &target) == 0 &&
+                                S_ISDIR(target.st_mode))) {
+        LogStoreProblem(path, "refused: a directory", "not a database file");
+        return ZLREG_ERR(ZLREG_E_STORE_UNSAFE);
+    }
+    if (S_ISREG(st.st_mode) && (st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        syslog(LOG_USER | LOG_WARNING, "zlreg: database %s: other users may write it (mode %03o)",
+               path.c_str(), static_cast<unsigned>(st.st_mode & 0777));
+    }
+    return {};
+}
+
 Err OpenConn(Conn& c) {
     uint64_t pathGen = 0;
     c.path = CurrentPath(&pathGen);
-    struct stat st;
-    bool existed = stat(c.path.c_str(), &st) == 0;
-    if (!existed && !MakeParents(c.path)) {
-        LogStoreProblem(c.path, "cannot create its directory", std::strerror(errno));
-        return ZLREG_ERR(ZLREG_E_STORE_PERMISSION);
-    }
+    if (Err e = PrepareFile(c.path)) return e;
     int rc = sqlite3_open_v2(c.path.c_str(), &c.db,
                              SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
                              nullptr);
@@ -251,7 +311,6 @@ Err OpenConn(Conn& c) {
     if (!e) e = ReadUserVersion(c, &version);
     if (!e && version == 0) {
         e = CreateSchema(c);
-        if (!e && !existed) chmod(c.path.c_str(), 0600);
     } else if (!e && version != kSchemaVersion) {
         LogStoreProblem(c.path, "unknown schema version", "not a database of this store");
         e = ZLREG_ERR(ZLREG_E_STORE_CORRUPT);

@@ -76,6 +76,7 @@ const char* Describe(UINT32 code) {
         case ZLREG_E_STORE_BUSY: return "store is busy";
         case ZLREG_E_STORE_CORRUPT: return "store database is damaged or not a store";
         case ZLREG_E_STORE_PERMISSION: return "store database cannot be opened or written";
+        case ZLREG_E_STORE_UNSAFE: return "store database path refused (a directory or another user's link)";
         case ZLREG_E_NO_MEMORY: return "out of memory";
         default: return "store error";
     }

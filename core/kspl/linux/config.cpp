@@ -346,8 +346,10 @@ KSSTATUS KsoEnumerateValueKey(IKspl* pThis, HANDLE Handle, UINT32 Index,
     if (Length < kValueInfoHeader || pKeyValueInformation == nullptr || pResultLength == nullptr)
         return KSPL_STATUS(KSPL_CODE_INVALID_PARAM);
     if (Length == kValueInfoHeader) return KSPL_STATUS(KSPL_CODE_BUFFER_SMALL);
-    // Name area of Length bytes, data area of Length bytes, one byte for a NUL.
-    auto* work = static_cast<CHAR*>(AllocWork(2ull * Length + 1));
+    // Name area of Length bytes, data area of Length bytes, then two NUL
+    // bytes: a list walk stops at an empty string, so stored list data that
+    // lacks its own final NULs must still end in one within the buffer.
+    auto* work = static_cast<CHAR*>(AllocWork(2ull * Length + 2));
     if (work == nullptr) return KSPL_STATUS(KSPL_CODE_NO_MEMORY);
     CHAR* valueName = work;
     CHAR* subKeyValue = work + Length;
@@ -410,6 +412,7 @@ KSSTATUS KsoEnumerateValueKey(IKspl* pThis, HANDLE Handle, UINT32 Index,
         case KSO_REG_SZ:
         case KSO_REG_MULTI_SZ: {
             subKeyValue[subKeyValueLen] = '\0';
+            subKeyValue[subKeyValueLen + 1] = '\0';
             INT32 capacity = static_cast<INT32>(room / 2) - 1;
             if (capacity <= 0) {
                 status = KSPL_STATUS(KSPL_CODE_BUFFER_SMALL);

@@ -1,10 +1,11 @@
 // convert.cpp - conversions between 16-bit units (UCS-2, host order) and
 // the narrow encodings: the reference character routines on iconv, the
 // length protocol of the IKspl conversion services, upper-casing, and the
-// conversions of string lists used by the configuration store.
+// conversions of string lists used by the configuration store. The services
+// run the protocol over the fast routines of convert_fast.cpp.
 //
-// Every routine here is reentrant: each call opens and closes its own iconv
-// descriptors and keeps its buffers on the stack or in the caller's
+// Every routine here is reentrant: each reference call opens and closes its
+// own iconv descriptor and keeps its buffers on the stack or in the caller's
 // instance. The code page names are fixed by the setup before any caller
 // exists and are read without locks.
 #include <errno.h>
@@ -37,6 +38,16 @@ constexpr size_t kIconvFailed = static_cast<size_t>(-1);
 // code page unchanged.
 inline bool IsPathSeparator(unsigned v) { return v == ':' || v == '\\' || v == '/'; }
 
+// One iconv call over the whole input; returns the output bytes produced,
+// or -1 on failure (errno as iconv left it).
+int Convert(iconv_t cd, const void* in, size_t inBytes, void* out, size_t outBytes) {
+    char* inPtr = const_cast<char*>(static_cast<const char*>(in));
+    char* outPtr = static_cast<char*>(out);
+    size_t outLeft = outBytes;
+    if (iconv(cd, &inPtr, &inBytes, &outPtr, &outLeft) == kIconvFailed) return -1;
+    return static_cast<int>(outBytes - outLeft);
+}
+
 // One descriptor per call; closed on every path.
 class Descriptor {
 public:
@@ -48,16 +59,7 @@ public:
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;
     bool ok() const { return cd_ != kNoDescriptor; }
-
-    // One iconv call over the whole input; returns the output bytes
-    // produced, or -1 on failure (errno as iconv left it).
-    int Convert(const void* in, size_t inBytes, void* out, size_t outBytes) {
-        char* inPtr = const_cast<char*>(static_cast<const char*>(in));
-        char* outPtr = static_cast<char*>(out);
-        size_t outLeft = outBytes;
-        if (iconv(cd_, &inPtr, &inBytes, &outPtr, &outLeft) == kIconvFailed) return -1;
-        return static_cast<int>(outBytes - outLeft);
-    }
+    iconv_t get() const { return cd_; }
 
 private:
     iconv_t cd_;
@@ -96,13 +98,8 @@ int KsplRefUtf8SeqLen(char firstSeqByte) {
     return ones <= 1 ? 1 : ones;
 }
 
-int KsplRefLocToUni(char* pCodePage, BOOLEAN codePageSupportsEuro, char* pInMulti,
-                    int inMultiChars, WCHAR* pOutWide, int* pOutWideChars) {
-    Descriptor cd(kWideCodeSet, pCodePage);
-    if (!cd.ok()) {
-        KsplLog(LOG_USER | LOG_ERR, "LocToUni: Unable to open conversion descriptor\n");
-        return inMultiChars != 0 ? Fail(pOutWideChars) : (*pOutWideChars = 0, 0);
-    }
+int KsplLocToUniOn(iconv_t descriptor, BOOLEAN codePageSupportsEuro, char* pInMulti,
+                   int inMultiChars, WCHAR* pOutWide, int* pOutWideChars) {
     if (inMultiChars <= 0) {
         *pOutWideChars = 0;
         return 0;
@@ -140,7 +137,7 @@ int KsplRefLocToUni(char* pCodePage, BOOLEAN codePageSupportsEuro, char* pInMult
                 unsigned char src[4] = {};
                 unsigned char dst[6];
                 std::memcpy(src, in + pos, static_cast<size_t>(k));
-                int bytes = cd.Convert(src, static_cast<size_t>(k) + 1, dst, sizeof(dst));
+                int bytes = Convert(descriptor, src, static_cast<size_t>(k) + 1, dst, sizeof(dst));
                 if (bytes >= 0) {
                     if (!TakeWideUnit(dst, bytes, firstOutput, &unit)) return Fail(pOutWideChars);
                     firstOutput = false;
@@ -159,6 +156,17 @@ int KsplRefLocToUni(char* pCodePage, BOOLEAN codePageSupportsEuro, char* pInMult
     }
     *pOutWideChars = produced;
     return 0;
+}
+
+int KsplRefLocToUni(char* pCodePage, BOOLEAN codePageSupportsEuro, char* pInMulti,
+                    int inMultiChars, WCHAR* pOutWide, int* pOutWideChars) {
+    Descriptor cd(kWideCodeSet, pCodePage);
+    if (!cd.ok()) {
+        KsplLog(LOG_USER | LOG_ERR, "LocToUni: Unable to open conversion descriptor\n");
+        return inMultiChars != 0 ? Fail(pOutWideChars) : (*pOutWideChars = 0, 0);
+    }
+    return KsplLocToUniOn(cd.get(), codePageSupportsEuro, pInMulti, inMultiChars, pOutWide,
+                          pOutWideChars);
 }
 
 int KsplRefUtf8ToUni(char* pInMulti, int inMultiChars, WCHAR* pOutWide, int* pOutWideChars) {
@@ -182,7 +190,7 @@ int KsplRefUtf8ToUni(char* pInMulti, int inMultiChars, WCHAR* pOutWide, int* pOu
         unsigned char src[8] = {};
         unsigned char dst[6];
         std::memcpy(src, pInMulti + pos, static_cast<size_t>(len));
-        int bytes = cd.Convert(src, static_cast<size_t>(len) + 1, dst, sizeof(dst));
+        int bytes = Convert(cd.get(), src, static_cast<size_t>(len) + 1, dst, sizeof(dst));
         WCHAR unit;
         if (bytes < 0 || !TakeWideUnit(dst, bytes, pos == 0, &unit)) return Fail(pOutWideChars);
         pOutWide[produced++] = unit;
@@ -193,14 +201,9 @@ int KsplRefUtf8ToUni(char* pInMulti, int inMultiChars, WCHAR* pOutWide, int* pOu
     return 0;
 }
 
-int KsplRefUniToLoc(char* pCodePage, WCHAR* pInWide, int inWideChars, char* pOutMulti,
-                    int* pOutMultiChars) {
+int KsplUniToLocOn(iconv_t descriptor, WCHAR* pInWide, int inWideChars, char* pOutMulti,
+                   int* pOutMultiChars) {
     static constexpr char kHex[] = "0123456789ABCDEF";
-    Descriptor cd(pCodePage, kWideCodeSet);
-    if (!cd.ok()) {
-        KsplLog(LOG_USER | LOG_ERR, "UniToLoc: Unable to open conversion descriptor\n");
-        return inWideChars != 0 ? Fail(pOutMultiChars) : (*pOutMultiChars = 0, 0);
-    }
     if (inWideChars <= 0) {
         *pOutMultiChars = 0;
         return 0;
@@ -217,7 +220,7 @@ int KsplRefUniToLoc(char* pCodePage, WCHAR* pInWide, int inWideChars, char* pOut
         } else {
             const WCHAR src[2] = {u, 0};
             char dst[4];
-            int bytes = cd.Convert(src, sizeof(src), dst, sizeof(dst));
+            int bytes = Convert(descriptor, src, sizeof(src), dst, sizeof(dst));
             if (bytes >= 0) {
                 // The last byte is the NUL's; a unit that yields no byte of
                 // its own (a leading byte-order mark) produces nothing.
@@ -247,6 +250,16 @@ int KsplRefUniToLoc(char* pCodePage, WCHAR* pInWide, int inWideChars, char* pOut
     return 0;
 }
 
+int KsplRefUniToLoc(char* pCodePage, WCHAR* pInWide, int inWideChars, char* pOutMulti,
+                    int* pOutMultiChars) {
+    Descriptor cd(pCodePage, kWideCodeSet);
+    if (!cd.ok()) {
+        KsplLog(LOG_USER | LOG_ERR, "UniToLoc: Unable to open conversion descriptor\n");
+        return inWideChars != 0 ? Fail(pOutMultiChars) : (*pOutMultiChars = 0, 0);
+    }
+    return KsplUniToLocOn(cd.get(), pInWide, inWideChars, pOutMulti, pOutMultiChars);
+}
+
 int KsplRefUniToUtf8(WCHAR* pInWide, int inWideChars, char* pOutMulti, int* pOutMultiChars) {
     Descriptor cd(kUtf8CodeSet, kWideCodeSet);
     if (!cd.ok()) {
@@ -258,7 +271,7 @@ int KsplRefUniToUtf8(WCHAR* pInWide, int inWideChars, char* pOutMulti, int* pOut
     for (int pos = 0; pos < inWideChars; ++pos) {
         const WCHAR src[2] = {pInWide[pos], 0};
         char dst[8];
-        int bytes = cd.Convert(src, sizeof(src), dst, sizeof(dst));
+        int bytes = Convert(cd.get(), src, sizeof(src), dst, sizeof(dst));
         if (bytes < 1 || bytes > 7) return Fail(pOutMultiChars);
         const int own = bytes - 1;
         // One byte of the capacity always stays free.
@@ -482,34 +495,34 @@ KSSTATUS KsoCharUpperBuff(IKspl* pThis, UINT32 Length, PWCHAR pWideStr) {
 KSSTATUS KsoMultiByteToWideChar(IKspl* pThis, UINT32 CodePage, PCHAR pMultiByteStr,
                                 INT32 MultiByteStrLen, PWCHAR pWideCharStr,
                                 PUINT32 pWideCharStrLen) {
-    return KsplRefMultiByteToWideChar(pThis, CodePage, pMultiByteStr, MultiByteStrLen,
-                                      pWideCharStr, pWideCharStrLen);
+    return KsplMultiByteToWideCharWith(&kKsplFastConvRoutines, pThis, CodePage, pMultiByteStr,
+                                       MultiByteStrLen, pWideCharStr, pWideCharStrLen);
 }
 
 KSSTATUS KsoWideCharToMultiByte(IKspl* pThis, UINT32 CodePage, PWCHAR pWideCharStr,
                                 INT32 WideCharStrLen, PCHAR pMultiByteStr,
                                 PUINT32 pMultiByteStrLen) {
-    return KsplRefWideCharToMultiByte(pThis, CodePage, pWideCharStr, WideCharStrLen,
-                                      pMultiByteStr, pMultiByteStrLen);
+    return KsplWideCharToMultiByteWith(&kKsplFastConvRoutines, pThis, CodePage, pWideCharStr,
+                                       WideCharStrLen, pMultiByteStr, pMultiByteStrLen);
 }
 
 int LocToUni(char* pCodePage, BOOLEAN codePageSupportsEuro, char* pInMulti, int inMultiChars,
              WCHAR* pOutWide, int* pOutWideChars) {
-    return KsplRefLocToUni(pCodePage, codePageSupportsEuro, pInMulti, inMultiChars, pOutWide,
-                           pOutWideChars);
+    return KsplFastLocToUni(pCodePage, codePageSupportsEuro, pInMulti, inMultiChars, pOutWide,
+                            pOutWideChars);
 }
 
 int Utf8ToUni(char* pInMulti, int inMultiChars, WCHAR* pOutWide, int* pOutWideChars) {
-    return KsplRefUtf8ToUni(pInMulti, inMultiChars, pOutWide, pOutWideChars);
+    return KsplFastUtf8ToUni(pInMulti, inMultiChars, pOutWide, pOutWideChars);
 }
 
 int UniToLoc(char* pCodePage, WCHAR* pInWide, int inWideChars, char* pOutMulti,
              int* pOutMultiChars) {
-    return KsplRefUniToLoc(pCodePage, pInWide, inWideChars, pOutMulti, pOutMultiChars);
+    return KsplFastUniToLoc(pCodePage, pInWide, inWideChars, pOutMulti, pOutMultiChars);
 }
 
 int UniToUtf8(WCHAR* pInWide, int inWideChars, char* pOutMulti, int* pOutMultiChars) {
-    return KsplRefUniToUtf8(pInWide, inWideChars, pOutMulti, pOutMultiChars);
+    return KsplFastUniToUtf8(pInWide, inWideChars, pOutMulti, pOutMultiChars);
 }
 
 int Utf8SeqLen(char firstSeqByte) { return KsplRefUtf8SeqLen(firstSeqByte); }

@@ -13,6 +13,8 @@
 // return 0, or -1 with *pOut* set to 0. They never write a terminator and
 // never read past the given count.
 #pragma once
+#include <iconv.h>
+
 #include "../kspl_internal.h"
 
 int KsplRefLocToUni(char* pCodePage, BOOLEAN codePageSupportsEuro, char* pInMulti,
@@ -22,6 +24,37 @@ int KsplRefUniToLoc(char* pCodePage, WCHAR* pInWide, int inWideChars, char* pOut
                     int* pOutMultiChars);
 int KsplRefUniToUtf8(WCHAR* pInWide, int inWideChars, char* pOutMulti, int* pOutMultiChars);
 int KsplRefUtf8SeqLen(char firstSeqByte);
+
+// The per-character loops of KsplRefLocToUni and KsplRefUniToLoc on a
+// descriptor the caller opened: fresh, or reset to its initial state with
+// iconv(cd, NULL, NULL, NULL, NULL).
+int KsplLocToUniOn(iconv_t descriptor, BOOLEAN codePageSupportsEuro, char* pInMulti,
+                   int inMultiChars, WCHAR* pOutWide, int* pOutWideChars);
+int KsplUniToLocOn(iconv_t descriptor, WCHAR* pInWide, int inWideChars, char* pOutMulti,
+                   int* pOutMultiChars);
+
+// The routines behind the services and the exported LocToUni, Utf8ToUni,
+// UniToLoc and UniToUtf8 (convert_fast.cpp). Same contract and same results
+// as the reference, output written before a failure included: lookup tables
+// for the single-byte code pages chosen by the setup, a UTF-8 codec of our
+// own, and for any other code page the reference loops on a descriptor
+// cached per thread.
+int KsplFastLocToUni(char* pCodePage, BOOLEAN codePageSupportsEuro, char* pInMulti,
+                     int inMultiChars, WCHAR* pOutWide, int* pOutWideChars);
+int KsplFastUtf8ToUni(char* pInMulti, int inMultiChars, WCHAR* pOutWide, int* pOutWideChars);
+int KsplFastUniToLoc(char* pCodePage, WCHAR* pInWide, int inWideChars, char* pOutMulti,
+                     int* pOutMultiChars);
+int KsplFastUniToUtf8(WCHAR* pInWide, int inWideChars, char* pOutMulti, int* pOutMultiChars);
+
+// Lookup tables of the OEM and ANSI code pages, built by the code page setup
+// for each of them that probes as single-byte, and released with the names.
+// Both run with no conversion in progress (the setup's own guarantee).
+// Building never fails the setup: without tables the conversions take the
+// descriptor path.
+void KsplConvTablesBuild(const char* oemCodePage, const char* ansiCodePage);
+void KsplConvTablesFree();
+// Whether conversions through this code page name use lookup tables.
+bool KsplConvHasTables(const char* codePage);
 
 // The character routines behind the length protocol of the Kso services.
 // The protocol (argument checks, work buffers, query/fit/exact/truncate)
@@ -35,6 +68,7 @@ struct KsplConvRoutines {
     int (*uniToUtf8)(WCHAR* pInWide, int inWideChars, char* pOutMulti, int* pOutMultiChars);
 };
 extern const KsplConvRoutines kKsplRefConvRoutines;
+extern const KsplConvRoutines kKsplFastConvRoutines;
 
 // The length protocol of KsoMultiByteToWideChar / KsoWideCharToMultiByte
 // over the given character routines. Failures are reported under the

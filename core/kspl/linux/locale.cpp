@@ -1,6 +1,7 @@
 // locale.cpp - choice of the OEM and ANSI code pages at initialisation.
 //
-// The four globals are written only by the setup and release, which run
+// The four globals, and the lookup tables of the code pages they name
+// (convert_fast.cpp), are written only by the setup and release, which run
 // under g_hModuleMutex before any instance exists and after the last one
 // is gone; conversions read them without locks.
 #include <iconv.h>
@@ -13,6 +14,7 @@
 #include <cstring>
 
 #include "../sysalloc_int.h"
+#include "convert_int.h"
 #include "convlock_int.h"
 #include "dbg_int.h"
 #include "locale_int.h"
@@ -93,6 +95,7 @@ BOOLEAN CheckCodePageEuroSupport(char* pCodePage) {
 }
 
 int InitCharConvInfrastructure(void) {
+    KsplConvTablesFree();
     const bool logInfo = std::getenv(kLogVariable) != nullptr;
     std::setlocale(LC_ALL, "");
 
@@ -170,10 +173,12 @@ int InitCharConvInfrastructure(void) {
         return -1;
     }
     g_ansiCodePageSupportsEuro = CheckCodePageEuroSupport(g_pAnsiCodePage);
+    KsplConvTablesBuild(g_pOemCodePage, g_pAnsiCodePage);
     return 0;
 }
 
 void UnInitCharConvInfrastructure(void) {
+    KsplConvTablesFree();
     if (g_pAnsiCodePage != nullptr) {
         KsplSysFree(g_pAnsiCodePage);
         g_pAnsiCodePage = nullptr;

@@ -45,7 +45,10 @@
  * /var/lib/zlreg/zlreg.db when that directory is (or can be made) writable,
  * otherwise $XDG_DATA_HOME/zlreg/zlreg.db, otherwise
  * ~/.local/share/zlreg/zlreg.db. Missing directories are created with mode
- * 0700 and a new database file gets mode 0600.
+ * 0700 and a new database file gets mode 0600 (its -wal and -shm files
+ * follow it), whatever the umask. A path that is a directory, or a symbolic
+ * link owned by another user, is refused with ZLREG_E_STORE_UNSAFE and a log
+ * line.
  */
 #ifndef ZLREG_H
 #define ZLREG_H
@@ -78,6 +81,8 @@ KS_EXTERN_C_BEGIN
 #define ZLREG_E_STORE_CORRUPT 13u   /* the file is not a database of this store, or is damaged */
 #define ZLREG_E_STORE_PERMISSION 14u /* the file or its directory cannot be opened or written */
 #define ZLREG_E_TRANSACTION 15u     /* transaction calls out of order */
+#define ZLREG_E_STORE_UNSAFE 16u    /* the database path is a directory, or a symbolic link
+                                       owned by another user: refused */
 
 #define ZLREG_STATUS(code) KS_MAKE_STATUS(3u, ZLREG_FACILITY, (code))
 #define ZLREG_STATUS_NO_MORE_ITEMS ZLREG_STATUS(ZLREG_E_NO_MORE_ITEMS)
@@ -86,7 +91,7 @@ KS_EXTERN_C_BEGIN
     (KS_STATUS_FACILITY(s) == ZLREG_FACILITY &&                                     \
      (KS_STATUS_CODE(s) == ZLREG_E_STORE || KS_STATUS_CODE(s) == ZLREG_E_NO_MEMORY || \
       KS_STATUS_CODE(s) == ZLREG_E_STORE_BUSY || KS_STATUS_CODE(s) == ZLREG_E_STORE_CORRUPT || \
-      KS_STATUS_CODE(s) == ZLREG_E_STORE_PERMISSION))
+      KS_STATUS_CODE(s) == ZLREG_E_STORE_PERMISSION || KS_STATUS_CODE(s) == ZLREG_E_STORE_UNSAFE))
 
 /* Predefined roots. */
 #define ZLREG_HKEY_CLASSES_ROOT ((HANDLE)(uintptr_t)0x80000000u)

@@ -1,0 +1,664 @@
+// convert_fast.cpp - the character routines behind the conversion services.
+//
+// They produce exactly what the reference routines of convert.cpp produce
+// (status, output, count, and the output written before a failure), without
+// one iconv call per character:
+// - a single-byte code page chosen by the setup converts through lookup
+//   tables probed once from iconv, with the reference's own rules (path
+//   separators, "[XXXX]" escapes, the euro byte 0xCC) applied around them;
+// - UTF-8 goes through a validating codec of our own;
+// - any other code page runs the reference loop on an iconv descriptor
+//   cached per thread and reset before each call.
+//
+// Two properties of glibc's "UNICODE" code set shape the code below; both
+// are visible in the reference because it opens a fresh descriptor per call:
+// - A descriptor that reads "UNICODE" takes a unit U+FEFF at its very first
+//   iconv call as a byte-order mark (it produces nothing), and U+FFFE there
+//   as a mark of swapped byte order: every later unit of that descriptor is
+//   read byte-swapped. Any first call, failed or not, ends the window. A
+//   reset reopens the window but does not undo a swap, so a call whose first
+//   unit through iconv is U+FFFE never gets a cached descriptor.
+// - A descriptor that writes "UNICODE" puts a mark ahead of its first
+//   output, again after a reset; the reference loop skips it by output size.
+//
+// Tables are written only by the setup and the release, which never run
+// while a conversion does; conversions read them without locks.
+#include <errno.h>
+#include <iconv.h>
+#include <strings.h>
+
+#include <atomic>
+#include <cctype>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "../sysalloc_int.h"
+#include "convert_int.h"
+#include "convlock_int.h"
+
+namespace {
+
+const iconv_t kNoDescriptor = reinterpret_cast<iconv_t>(-1);
+constexpr size_t kIconvFailed = static_cast<size_t>(-1);
+constexpr WCHAR kMark = 0xFEFF;
+constexpr WCHAR kSwappedMark = 0xFFFE;
+
+inline bool IsPathSeparator(unsigned v) { return v == ':' || v == '\\' || v == '/'; }
+
+inline int Fail(int* pOut) {
+    *pOut = 0;
+    return -1;
+}
+
+inline int Succeed(int* pOut, int produced) {
+    *pOut = produced;
+    return 0;
+}
+
+inline WCHAR Swapped(WCHAR u) { return static_cast<WCHAR>((u >> 8) | (u << 8)); }
+
+// The digit rule of the escapes read back: '0'-'9', anything else its
+// lower-case code minus 87.
+inline unsigned HexDigit(unsigned char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    return static_cast<unsigned>(std::tolower(c) - 87);
+}
+
+inline WCHAR EscapeValue(const unsigned char* digits) {
+    unsigned value = 0;
+    for (int d = 0; d < 4; ++d) value = value * 16u + HexDigit(digits[d]);
+    return static_cast<WCHAR>(value & 0xFFFFu);
+}
+
+inline void WriteEscape(char* o, WCHAR u) {
+    static constexpr char kHex[] = "0123456789ABCDEF";
+    o[0] = '[';
+    o[1] = kHex[(u >> 12) & 0xF];
+    o[2] = kHex[(u >> 8) & 0xF];
+    o[3] = kHex[(u >> 4) & 0xF];
+    o[4] = kHex[u & 0xF];
+    o[5] = ']';
+}
+
+int Convert(iconv_t cd, const void* in, size_t inBytes, void* out, size_t outBytes) {
+    char* inPtr = const_cast<char*>(static_cast<const char*>(in));
+    char* outPtr = static_cast<char*>(out);
+    size_t outLeft = outBytes;
+    if (iconv(cd, &inPtr, &inBytes, &outPtr, &outLeft) == kIconvFailed) return -1;
+    return static_cast<int>(outBytes - outLeft);
+}
+
+// ---------------------------------------------------------------------------
+// Single-byte code pages.
+
+// Entries of toNarrow (a byte otherwise).
+constexpr uint16_t kNoByte = 0x100;    // iconv rejects the unit: euro byte or escape
+constexpr uint16_t kNoOutput = 0x200;  // iconv converts it to no byte of its own
+// Entries of toWide (a unit otherwise).
+constexpr uint32_t kHole = 0x10000;     // iconv rejects the byte: the conversion fails
+constexpr uint32_t kBracket = 0x10001;  // '[': an escape if ']' follows five bytes on
+
+struct SingleByteTables {
+    char* name;       // own copy
+    const char* key;  // the setup's name pointer, compared first
+    // What iconv makes of [u, 0] on a descriptor past its first call, with
+    // the path separators folded in as themselves; rawSeparators keeps
+    // iconv's own results for ':' '\' '/', which a swapped unit can reach.
+    uint16_t toNarrow[65536];
+    uint16_t rawSeparators[3];
+    // Per byte, with the separators, '[' and (index 0: code page without
+    // the euro sign) 0xCC folded in.
+    uint32_t toWide[2][256];
+};
+
+// REQUIRES: no conversion in progress (setup or release).
+SingleByteTables* g_tables[2];
+// Bumped by every setup and release: cached descriptors of an older
+// generation are closed on their next use.
+std::atomic<unsigned> g_generation{1};
+
+inline int SeparatorIndex(unsigned v) { return v == ':' ? 0 : v == '\\' ? 1 : 2; }
+
+inline uint16_t RawToNarrow(const SingleByteTables& t, WCHAR v) {
+    return IsPathSeparator(v) ? t.rawSeparators[SeparatorIndex(v)] : t.toNarrow[v];
+}
+
+// Fills the tables from iconv with the reference's call shapes (one byte
+// and a NUL into six bytes; one unit and a 0 unit into four bytes). False
+// if the code page is not single-byte: a byte that starts a longer
+// sequence or converts to more than one unit, a unit that needs more than
+// one byte, or results that depend on what was converted before.
+bool Probe(const char* name, SingleByteTables* t) {
+    iconv_t toWide = KsplIconvOpen("UNICODE", name);
+    if (toWide == kNoDescriptor) return false;
+    iconv_t toNarrow = KsplIconvOpen(name, "UNICODE");
+    if (toNarrow == kNoDescriptor) {
+        KsplIconvClose(toWide);
+        return false;
+    }
+    bool single = true;
+    for (unsigned b = 0; b < 256 && single; ++b) {
+        const unsigned char src[2] = {static_cast<unsigned char>(b), 0};
+        WCHAR first[4] = {};
+        WCHAR again[4] = {};
+        iconv(toWide, nullptr, nullptr, nullptr, nullptr);
+        const int bytes = Convert(toWide, src, 2, first, sizeof(first));
+        if (bytes == 6 && first[0] == kMark && first[2] == 0) {
+            // Past the first output: the unit alone, the same one.
+            single = Convert(toWide, src, 2, again, sizeof(again)) == 4 && again[0] == first[1] &&
+                     again[1] == 0;
+            t->toWide[1][b] = first[1];
+        } else if (bytes < 0 && errno == EILSEQ) {
+            // Undefined here, and not the start of a longer sequence.
+            iconv(toWide, nullptr, nullptr, nullptr, nullptr);
+            single = Convert(toWide, src, 1, again, sizeof(again)) < 0 && errno == EILSEQ;
+            t->toWide[1][b] = kHole;
+        } else {
+            single = false;
+        }
+    }
+    if (single) {
+        // Take the descriptor past its first call, where U+FEFF and U+FFFE
+        // would be read as byte-order marks.
+        const WCHAR prime[2] = {'A', 0};
+        char dst[4];
+        iconv(toNarrow, nullptr, nullptr, nullptr, nullptr);
+        Convert(toNarrow, prime, sizeof(prime), dst, sizeof(dst));
+        for (unsigned u = 0; u < 65536 && single; ++u) {
+            const WCHAR src[2] = {static_cast<WCHAR>(u), 0};
+            const int bytes = Convert(toNarrow, src, sizeof(src), dst, sizeof(dst));
+            if (bytes == 2) {
+                t->toNarrow[u] = static_cast<unsigned char>(dst[0]);
+            } else if (bytes == 1) {
+                t->toNarrow[u] = kNoOutput;
+            } else if (bytes < 0 && errno == EILSEQ) {
+                t->toNarrow[u] = kNoByte;
+            } else {
+                single = false;
+            }
+        }
+    }
+    KsplIconvClose(toNarrow);
+    KsplIconvClose(toWide);
+    if (!single) return false;
+
+    static constexpr WCHAR kSeparators[3] = {':', '\\', '/'};
+    for (int i = 0; i < 3; ++i) {
+        t->rawSeparators[i] = t->toNarrow[kSeparators[i]];
+        t->toNarrow[kSeparators[i]] = kSeparators[i];
+    }
+    for (unsigned b = 0; b < 256; ++b) {
+        uint32_t v = t->toWide[1][b];
+        if (IsPathSeparator(b)) v = b;
+        if (b == '[') v = kBracket;
+        t->toWide[1][b] = v;
+        t->toWide[0][b] = b == 0xCC ? 0x20AC : v;
+    }
+    return true;
+}
+
+SingleByteTables* BuildTables(const char* name) {
+    if (name == nullptr) return nullptr;
+    auto* t = static_cast<SingleByteTables*>(KsplSysAlloc(sizeof(SingleByteTables)));
+    if (t == nullptr) return nullptr;
+    t->name = KsplSysStrdup(name);
+    if (t->name == nullptr || !Probe(name, t)) {
+        KsplSysFree(t->name);
+        KsplSysFree(t);
+        return nullptr;
+    }
+    t->key = name;
+    return t;
+}
+
+const SingleByteTables* FindTables(const char* name) {
+    if (name == nullptr) return nullptr;
+    for (const SingleByteTables* t : g_tables) {
+        if (t != nullptr && (t->key == name || std::strcmp(t->name, name) == 0)) return t;
+    }
+    return nullptr;
+}
+
+// The reference loop of LocToUni over a table. kCheck: the capacity may
+// run out before the input does.
+template <bool kCheck>
+int TableLocToUni(const uint32_t* toWide, const unsigned char* in, int n, WCHAR* out,
+                  int capacity, int* pOut) {
+    int pos = 0;
+    int produced = 0;
+    while (pos < n) {
+        if (!kCheck) {
+            // Four plain bytes at a time while they last.
+            while (n - pos >= 4) {
+                const uint32_t a = toWide[in[pos]];
+                const uint32_t b = toWide[in[pos + 1]];
+                const uint32_t c = toWide[in[pos + 2]];
+                const uint32_t d = toWide[in[pos + 3]];
+                if ((a | b | c | d) >= 0x10000) break;
+                out[produced] = static_cast<WCHAR>(a);
+                out[produced + 1] = static_cast<WCHAR>(b);
+                out[produced + 2] = static_cast<WCHAR>(c);
+                out[produced + 3] = static_cast<WCHAR>(d);
+                pos += 4;
+                produced += 4;
+            }
+            if (pos == n) break;
+        }
+        const uint32_t v = toWide[in[pos]];
+        if (v < 0x10000) {
+            out[produced++] = static_cast<WCHAR>(v);
+            ++pos;
+        } else if (v == kBracket) {
+            if (n - pos >= 6 && in[pos + 5] == ']') {
+                out[produced++] = EscapeValue(in + pos + 1);
+                pos += 6;
+            } else {
+                out[produced++] = '[';
+                ++pos;
+            }
+        } else {
+            return Fail(pOut);
+        }
+        if (kCheck && pos < n && produced >= capacity) return Fail(pOut);
+    }
+    return Succeed(pOut, produced);
+}
+
+// The reference loop of UniToLoc over a table, from pos on. kSwapped: the
+// reference's descriptor reads units byte-swapped (U+FFFE came first).
+// kCheck: the capacity may run out before the input does.
+template <bool kSwapped, bool kCheck>
+int TableUniToLoc(const SingleByteTables& t, const WCHAR* in, int pos, int n, char* out,
+                  int produced, int capacity, int* pOut) {
+    while (pos < n && (!kCheck || produced < capacity)) {
+        if (!kSwapped && !kCheck) {
+            // Four plain units at a time while they last.
+            while (n - pos >= 4) {
+                const uint16_t a = t.toNarrow[in[pos]];
+                const uint16_t b = t.toNarrow[in[pos + 1]];
+                const uint16_t c = t.toNarrow[in[pos + 2]];
+                const uint16_t d = t.toNarrow[in[pos + 3]];
+                if ((a | b | c | d) >= 0x100) break;
+                out[produced] = static_cast<char>(a);
+                out[produced + 1] = static_cast<char>(b);
+                out[produced + 2] = static_cast<char>(c);
+                out[produced + 3] = static_cast<char>(d);
+                pos += 4;
+                produced += 4;
+            }
+            if (pos == n) break;
+        }
+        const WCHAR u = in[pos];
+        uint16_t v;
+        if (kSwapped) {
+            v = IsPathSeparator(u) ? u : RawToNarrow(t, Swapped(u));
+        } else {
+            v = t.toNarrow[u];  // separators folded in
+        }
+        if (v < 0x100) {
+            out[produced++] = static_cast<char>(v);
+        } else if (v == kNoOutput) {
+            // iconv wrote only the NUL's byte.
+        } else if (u == 0x20AC) {
+            out[produced++] = static_cast<char>(0xCC);
+        } else if (!kCheck || produced + 5 < capacity) {
+            WriteEscape(out + produced, u);
+            produced += 6;
+        } else {
+            return Fail(pOut);
+        }
+        ++pos;
+    }
+    if (pos < n) return Fail(pOut);
+    return Succeed(pOut, produced);
+}
+
+int TableUniToLocAll(const SingleByteTables& t, const WCHAR* in, int n, char* out, int* pOut) {
+    if (n <= 0) return Succeed(pOut, 0);
+    const int capacity = *pOut;
+    if (capacity <= 0) return Fail(pOut);
+    // Separators never reach iconv; the first unit that does may be read
+    // as a byte-order mark.
+    int pos = 0;
+    int produced = 0;
+    while (pos < n && produced < capacity && IsPathSeparator(in[pos])) {
+        out[produced++] = static_cast<char>(in[pos++]);
+    }
+    bool swapped = false;
+    if (pos < n && produced < capacity && (in[pos] == kMark || in[pos] == kSwappedMark)) {
+        swapped = in[pos] == kSwappedMark;
+        ++pos;
+    }
+    // Six bytes per unit at most: then only the input ends the loop.
+    const bool roomy = static_cast<int64_t>(capacity) - produced >= 6 * static_cast<int64_t>(n - pos);
+    if (swapped) {
+        return roomy ? TableUniToLoc<true, false>(t, in, pos, n, out, produced, capacity, pOut)
+                     : TableUniToLoc<true, true>(t, in, pos, n, out, produced, capacity, pOut);
+    }
+    return roomy ? TableUniToLoc<false, false>(t, in, pos, n, out, produced, capacity, pOut)
+                 : TableUniToLoc<false, true>(t, in, pos, n, out, produced, capacity, pOut);
+}
+
+// ---------------------------------------------------------------------------
+// UTF-8.
+//
+// Decoding follows the reference: a sequence is as long as its first byte
+// announces; it fails on a stray continuation byte, a truncated sequence,
+// the lead bytes 0xC0 and 0xC1, an overlong three-byte form, an encoded
+// surrogate, and any sequence of four bytes or more, with one exception
+// glibc makes: a tag character (U+E0000 to U+E007F) converts to no unit at
+// all, so at the start of the input the reference takes the byte-order mark
+// in its place and anywhere else fails.
+
+inline bool IsContinuation(unsigned char c) { return (c & 0xC0) == 0x80; }
+
+inline bool AllAscii8(const unsigned char* p) {
+    uint64_t w;
+    std::memcpy(&w, p, sizeof(w));
+    return (w & 0x8080808080808080ull) == 0;
+}
+
+template <bool kCheck>
+int DecodeUtf8(const unsigned char* in, int n, WCHAR* out, int capacity, int* pOut) {
+    int pos = 0;
+    int produced = 0;
+    // A tag character is the only sequence of four bytes that converts,
+    // and only as the first one.
+    if (n >= 4 && in[0] == 0xF3 && in[1] == 0xA0 && (in[2] == 0x80 || in[2] == 0x81) &&
+        IsContinuation(in[3])) {
+        out[produced++] = kMark;
+        pos = 4;
+        if (kCheck && pos < n && produced >= capacity) return Fail(pOut);
+    }
+    int ascii = 0;  // ASCII bytes in a row
+    while (pos < n) {
+        const unsigned b = in[pos];
+        if (b < 0x80) {
+            out[produced++] = static_cast<WCHAR>(b);
+            pos += 1;
+            // After a few ASCII bytes in a row, eight at a time while they
+            // last; mixed text never pays for the test.
+            if (!kCheck && ++ascii >= 8) {
+                while (n - pos >= 8 && AllAscii8(in + pos)) {
+                    for (int i = 0; i < 8; ++i) out[produced + i] = in[pos + i];
+                    pos += 8;
+                    produced += 8;
+                }
+                ascii = 0;
+            }
+        } else if (b - 0xC2u < 0x1Eu) {
+            // 0xC2-0xDF; 0xC0 and 0xC1 would start an overlong form.
+            ascii = 0;
+            if (n - pos < 2 || !IsContinuation(in[pos + 1])) return Fail(pOut);
+            out[produced++] = static_cast<WCHAR>(((b & 0x1Fu) << 6) | (in[pos + 1] & 0x3Fu));
+            pos += 2;
+        } else if (b - 0xE0u < 0x10u) {
+            ascii = 0;
+            if (n - pos < 3 || !IsContinuation(in[pos + 1]) || !IsContinuation(in[pos + 2])) {
+                return Fail(pOut);
+            }
+            const unsigned unit =
+                ((b & 0x0Fu) << 12) | ((in[pos + 1] & 0x3Fu) << 6) | (in[pos + 2] & 0x3Fu);
+            if (unit < 0x800 || (unit & 0xF800u) == 0xD800u) return Fail(pOut);
+            out[produced++] = static_cast<WCHAR>(unit);
+            pos += 3;
+        } else {
+            // A continuation byte, or a sequence of four bytes or more.
+            return Fail(pOut);
+        }
+        if (kCheck && pos < n && produced >= capacity) return Fail(pOut);
+    }
+    return Succeed(pOut, produced);
+}
+
+inline bool AllAscii4(const WCHAR* p) {
+    uint64_t w;
+    std::memcpy(&w, p, sizeof(w));
+    return (w & 0xFF80FF80FF80FF80ull) == 0;
+}
+
+// Encodes from pos on; the reference keeps one byte of its capacity free.
+// kSwapped: units are read byte-swapped (U+FFFE came first). kCheck: the
+// capacity may run out before the input does.
+template <bool kSwapped, bool kCheck>
+int EncodeUtf8(const WCHAR* in, int pos, int n, unsigned char* out, int capacity, int* pOut) {
+    int produced = 0;
+    int ascii = 0;  // ASCII units in a row
+    while (pos < n) {
+        const unsigned u = kSwapped ? Swapped(in[pos]) : in[pos];
+        if (u < 0x80) {
+            if (kCheck && produced + 1 >= capacity) return Fail(pOut);
+            out[produced++] = static_cast<unsigned char>(u);
+            // After a few ASCII units in a row, eight at a time while they
+            // last; mixed text never pays for the test.
+            if (!kSwapped && !kCheck && ++ascii >= 8) {
+                ++pos;
+                while (n - pos >= 8 && AllAscii4(in + pos) && AllAscii4(in + pos + 4)) {
+                    for (int i = 0; i < 8; ++i) out[produced + i] = static_cast<unsigned char>(in[pos + i]);
+                    pos += 8;
+                    produced += 8;
+                }
+                ascii = 0;
+                continue;
+            }
+        } else if (u < 0x800) {
+            ascii = 0;
+            if (kCheck && produced + 2 >= capacity) return Fail(pOut);
+            out[produced] = static_cast<unsigned char>(0xC0 | (u >> 6));
+            out[produced + 1] = static_cast<unsigned char>(0x80 | (u & 0x3F));
+            produced += 2;
+        } else if ((u & 0xF800u) == 0xD800u) {
+            return Fail(pOut);
+        } else {
+            ascii = 0;
+            if (kCheck && produced + 3 >= capacity) return Fail(pOut);
+            out[produced] = static_cast<unsigned char>(0xE0 | (u >> 12));
+            out[produced + 1] = static_cast<unsigned char>(0x80 | ((u >> 6) & 0x3F));
+            out[produced + 2] = static_cast<unsigned char>(0x80 | (u & 0x3F));
+            produced += 3;
+        }
+        ++pos;
+    }
+    return Succeed(pOut, produced);
+}
+
+// ---------------------------------------------------------------------------
+// Descriptors cached per thread for the other code pages.
+
+// Wide code sets read their byte order from a mark, and may keep that
+// decision in the descriptor beyond a reset ("UNICODE" does): as code pages
+// they always get a fresh descriptor.
+bool ResetKeepsState(const char* name) {
+    static constexpr const char* kWideSets[] = {"UTF-16", "UTF16", "UTF-32", "UTF32", "UCS-2",
+                                                "UCS2",   "UCS-4", "UCS4",   "UNICODE", "10646"};
+    for (const char* set : kWideSets) {
+        if (strcasestr(name, set) != nullptr) return true;
+    }
+    return false;
+}
+
+struct CachedDescriptor {
+    iconv_t cd = kNoDescriptor;
+    unsigned generation = 0;
+    bool toWide = false;
+    char name[48] = {};
+};
+
+// Owned by one thread; closed when the thread exits.
+class DescriptorCache {
+public:
+    DescriptorCache() = default;
+    DescriptorCache(const DescriptorCache&) = delete;
+    DescriptorCache& operator=(const DescriptorCache&) = delete;
+    ~DescriptorCache() {
+        for (CachedDescriptor& s : slots_) Close(&s);
+    }
+
+    // A descriptor in its initial state for the direction, or kNoDescriptor
+    // when the name cannot be cached or opened (the caller then runs the
+    // reference, which opens its own and reports a failure).
+    iconv_t Get(const char* name, bool toWide) {
+        if (name == nullptr) return kNoDescriptor;
+        const size_t len = std::strlen(name);
+        if (len >= sizeof(CachedDescriptor::name)) return kNoDescriptor;
+        const unsigned generation = g_generation.load(std::memory_order_relaxed);
+        CachedDescriptor* free = nullptr;
+        for (CachedDescriptor& s : slots_) {
+            if (s.cd != kNoDescriptor && s.generation != generation) Close(&s);
+            if (s.cd == kNoDescriptor) {
+                if (free == nullptr) free = &s;
+                continue;
+            }
+            if (s.toWide == toWide && std::strcmp(s.name, name) == 0) {
+                if (iconv(s.cd, nullptr, nullptr, nullptr, nullptr) != kIconvFailed) return s.cd;
+                Close(&s);
+                free = &s;
+                break;
+            }
+        }
+        // Such names are never cached, so the test is due only here.
+        if (ResetKeepsState(name)) return kNoDescriptor;
+        if (free == nullptr) {
+            free = &slots_[next_];
+            next_ = (next_ + 1) % kSlots;
+            Close(free);
+        }
+        iconv_t cd = toWide ? KsplIconvOpen("UNICODE", name) : KsplIconvOpen(name, "UNICODE");
+        if (cd == kNoDescriptor) return kNoDescriptor;
+        free->cd = cd;
+        free->generation = generation;
+        free->toWide = toWide;
+        std::memcpy(free->name, name, len + 1);
+        return cd;
+    }
+
+private:
+    static void Close(CachedDescriptor* s) {
+        if (s->cd != kNoDescriptor) KsplIconvClose(s->cd);
+        s->cd = kNoDescriptor;
+    }
+
+    // Both directions of the OEM and the ANSI code page.
+    static constexpr unsigned kSlots = 4;
+    CachedDescriptor slots_[kSlots];
+    unsigned next_ = 0;
+};
+
+thread_local DescriptorCache t_descriptors;
+
+}  // namespace
+
+void KsplConvTablesBuild(const char* oemCodePage, const char* ansiCodePage) {
+    KsplConvTablesFree();
+    g_tables[0] = BuildTables(oemCodePage);
+    if (ansiCodePage != nullptr && oemCodePage != nullptr &&
+        std::strcmp(ansiCodePage, oemCodePage) == 0) {
+        // Same code page: one probe, the second key points at its own name.
+        if (g_tables[0] != nullptr) {
+            g_tables[1] = static_cast<SingleByteTables*>(KsplSysAlloc(sizeof(SingleByteTables)));
+            if (g_tables[1] != nullptr) {
+                std::memcpy(static_cast<void*>(g_tables[1]), g_tables[0], sizeof(SingleByteTables));
+                g_tables[1]->name = KsplSysStrdup(ansiCodePage);
+                g_tables[1]->key = ansiCodePage;
+                if (g_tables[1]->name == nullptr) {
+                    KsplSysFree(g_tables[1]);
+                    g_tables[1] = nullptr;
+                }
+            }
+        }
+    } else {
+        g_tables[1] = BuildTables(ansiCodePage);
+    }
+    g_generation.fetch_add(1, std::memory_order_relaxed);
+}
+
+void KsplConvTablesFree() {
+    for (SingleByteTables*& t : g_tables) {
+        if (t != nullptr) {
+            KsplSysFree(t->name);
+            KsplSysFree(t);
+            t = nullptr;
+        }
+    }
+    g_generation.fetch_add(1, std::memory_order_relaxed);
+}
+
+bool KsplConvHasTables(const char* codePage) { return FindTables(codePage) != nullptr; }
+
+int KsplFastLocToUni(char* pCodePage, BOOLEAN codePageSupportsEuro, char* pInMulti,
+                     int inMultiChars, WCHAR* pOutWide, int* pOutWideChars) {
+    if (const SingleByteTables* t = FindTables(pCodePage)) {
+        if (inMultiChars <= 0) return Succeed(pOutWideChars, 0);
+        const int capacity = *pOutWideChars;
+        if (capacity <= 0) return Fail(pOutWideChars);
+        const uint32_t* toWide = t->toWide[codePageSupportsEuro ? 1 : 0];
+        const auto* in = reinterpret_cast<const unsigned char*>(pInMulti);
+        // One unit per byte at most: with room for all, only the input ends
+        // the loop.
+        return capacity >= inMultiChars
+                   ? TableLocToUni<false>(toWide, in, inMultiChars, pOutWide, capacity, pOutWideChars)
+                   : TableLocToUni<true>(toWide, in, inMultiChars, pOutWide, capacity, pOutWideChars);
+    }
+    iconv_t cd = t_descriptors.Get(pCodePage, true);
+    if (cd == kNoDescriptor) {
+        return KsplRefLocToUni(pCodePage, codePageSupportsEuro, pInMulti, inMultiChars, pOutWide,
+                               pOutWideChars);
+    }
+    return KsplLocToUniOn(cd, codePageSupportsEuro, pInMulti, inMultiChars, pOutWide,
+                          pOutWideChars);
+}
+
+int KsplFastUniToLoc(char* pCodePage, WCHAR* pInWide, int inWideChars, char* pOutMulti,
+                     int* pOutMultiChars) {
+    if (const SingleByteTables* t = FindTables(pCodePage)) {
+        return TableUniToLocAll(*t, pInWide, inWideChars, pOutMulti, pOutMultiChars);
+    }
+    // A first unit U+FFFE would leave a cached descriptor swapped for good.
+    int first = 0;
+    while (first < inWideChars && IsPathSeparator(pInWide[first])) ++first;
+    iconv_t cd = first < inWideChars && pInWide[first] == kSwappedMark
+                     ? kNoDescriptor
+                     : t_descriptors.Get(pCodePage, false);
+    if (cd == kNoDescriptor) {
+        return KsplRefUniToLoc(pCodePage, pInWide, inWideChars, pOutMulti, pOutMultiChars);
+    }
+    return KsplUniToLocOn(cd, pInWide, inWideChars, pOutMulti, pOutMultiChars);
+}
+
+int KsplFastUtf8ToUni(char* pInMulti, int inMultiChars, WCHAR* pOutWide, int* pOutWideChars) {
+    if (inMultiChars <= 0) return Succeed(pOutWideChars, 0);
+    const int capacity = *pOutWideChars;
+    if (capacity <= 0) return Fail(pOutWideChars);
+    const auto* in = reinterpret_cast<const unsigned char*>(pInMulti);
+    return capacity >= inMultiChars
+               ? DecodeUtf8<false>(in, inMultiChars, pOutWide, capacity, pOutWideChars)
+               : DecodeUtf8<true>(in, inMultiChars, pOutWide, capacity, pOutWideChars);
+}
+
+int KsplFastUniToUtf8(WCHAR* pInWide, int inWideChars, char* pOutMulti, int* pOutMultiChars) {
+    if (inWideChars <= 0) return Succeed(pOutMultiChars, 0);
+    const int capacity = *pOutMultiChars;
+    auto* out = reinterpret_cast<unsigned char*>(pOutMulti);
+    // The first unit may be read as a byte-order mark; it produces nothing
+    // but still needs a free byte.
+    int pos = 0;
+    bool swapped = false;
+    if (pInWide[0] == kMark || pInWide[0] == kSwappedMark) {
+        if (capacity <= 0) return Fail(pOutMultiChars);
+        swapped = pInWide[0] == kSwappedMark;
+        pos = 1;
+    }
+    // Three bytes per unit at most, one byte always free.
+    const bool roomy = static_cast<int64_t>(capacity) > 3 * static_cast<int64_t>(inWideChars);
+    if (swapped) {
+        return roomy ? EncodeUtf8<true, false>(pInWide, pos, inWideChars, out, capacity, pOutMultiChars)
+                     : EncodeUtf8<true, true>(pInWide, pos, inWideChars, out, capacity, pOutMultiChars);
+    }
+    return roomy ? EncodeUtf8<false, false>(pInWide, pos, inWideChars, out, capacity, pOutMultiChars)
+                 : EncodeUtf8<false, true>(pInWide, pos, inWideChars, out, capacity, pOutMultiChars);
+}
+
+const KsplConvRoutines kKsplFastConvRoutines = {KsplFastLocToUni, KsplFastUtf8ToUni,
+                                                KsplFastUniToLoc, KsplFastUniToUtf8};
