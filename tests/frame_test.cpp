@@ -1,9 +1,11 @@
 // Module start, lazy initialisation, class objects, instances and the
 // class factory.
 #include <sys/resource.h>
+#include <unistd.h>
 #include <syslog.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <thread>
@@ -11,6 +13,8 @@
 
 #include "init_int.h"
 #include "instance_int.h"
+#include "conv_test_util.h"
+#include "convert_int.h"
 #include "kspl_test.h"
 
 namespace {
@@ -266,6 +270,82 @@ TEST(Instances, ConcurrentCreateAndReleaseKeepTheRegistryConsistent) {
         ++walked;
     }
     EXPECT_EQ(walked, before);
+}
+
+// A child forked while another thread held the registry lock or an
+// instance's memory lock must find them free: fork waits for them.
+IKspl* g_forkInstance = nullptr;
+
+void UseInstancesInChild() {
+    alarm(10);  // a lock inherited as held would hang the child for good
+    IKspl* fresh = KsplTestCreateInstance();
+    ASSERT_NE(fresh, nullptr);
+    for (IKspl* k : {fresh, g_forkInstance, pIKspl}) {
+        void* paged = k->lpVtbl->KsoAllocPagedMemory(k, 64);
+        void* nonPaged = k->lpVtbl->KsoAllocNonPagedMemory(k, 64);
+        EXPECT_NE(paged, nullptr);
+        EXPECT_NE(nonPaged, nullptr);
+        EXPECT_EQ(k->lpVtbl->KsoFreeMemory(k, paged), 0u);
+        EXPECT_EQ(k->lpVtbl->KsoFreeMemory(k, nonPaged), 0u);
+    }
+    EXPECT_EQ(fresh->lpVtbl->Release(fresh), 0u);
+}
+
+class ForkedChild : public KsplTest {};
+
+TEST_F(ForkedChild, FindsTheRegistryAndMemoryListsFree) {
+    g_forkInstance = k;
+    pthread_mutex_t* locks[] = {&InterfaceMutex, &KsplInfo(k)->ProtectionMutex,
+                                &KsplInfo(k)->ProtectionSpinLock, &KsplInfo(pIKspl)->ProtectionSpinLock};
+    for (pthread_mutex_t* lock : locks) {
+        std::atomic<bool> held{false};
+        std::thread holder([&] {
+            pthread_mutex_lock(lock);
+            held = true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            pthread_mutex_unlock(lock);
+        });
+        while (!held) std::this_thread::yield();
+        EXPECT_EQ(KsplRunInChild(UseInstancesInChild), 0);
+        holder.join();
+    }
+}
+
+// A thread's first conversion in a code page without lookup tables opens an
+// iconv descriptor; a child forked while another thread was inside such an
+// open must still convert.
+void ConvertInChild() {
+    alarm(5);
+    char text[] = "child";
+    WCHAR wide[8];
+    UINT32 units = 8;
+    EXPECT_EQ(pIKspl->lpVtbl->KsoMultiByteToWideChar(pIKspl, KSO_CP_OEM, text, -1, wide, &units), 0u);
+    EXPECT_EQ(units, 5u);
+}
+
+TEST_F(ForkedChild, ConvertsWhileOtherThreadsOpenDescriptors) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "AddressSanitizer's allocator is not held across fork()";
+#endif
+    CodePageScope scope("EUC-JP", FALSE, "EUC-JP", FALSE);  // multi-byte: no tables
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> converters;
+    for (int t = 0; t < 2; ++t) {
+        converters.emplace_back([&] {
+            // The reference routines open a descriptor on every call.
+            char text[] = "busy";
+            WCHAR wide[8];
+            while (!stop) {
+                UINT32 units = 8;
+                KsplRefMultiByteToWideChar(k, KSO_CP_OEM, text, -1, wide, &units);
+            }
+        });
+    }
+    int hung = 0;
+    for (int i = 0; i < 12; ++i) hung += KsplRunInChild(ConvertInChild) != 0;
+    stop = true;
+    for (auto& t : converters) t.join();
+    EXPECT_EQ(hung, 0);
 }
 
 class ModuleName : public KsplTest {};

@@ -526,6 +526,40 @@ TEST_F(TimerTest, StopRequestEndsTheTimerThreadOnceItsRoutineReturns) {
     EXPECT_EQ(rc, 0);
 }
 
+// A timer pending at a fork fires only in the parent; in the child it is
+// cancelled, free to be destroyed or scheduled again.
+HANDLE g_pendingAtFork = nullptr;
+Counter g_pendingRuns;
+
+TEST_F(TimerTest, TimersPendingAtForkFireOnlyInTheParent) {
+    KSPL_SKIP_UNLESS_CHILD_MAY_START_THREADS();
+    g_childInstance = k;
+    g_pendingRuns.runs = 0;
+    ASSERT_EQ(v->KsoAllocTimer(k, CountRoutine, &g_pendingRuns, FALSE, &g_pendingAtFork), 0u);
+    ASSERT_EQ(v->KsoScheduleTimer(k, g_pendingAtFork, 300000), 0u);
+    int rc = KsplRunInChild([] {
+        alarm(60);
+        IKspl* ck = g_childInstance;
+        EXPECT_EQ(KsAtomicLoad(&g_KsplCurrentTimers), 0u);
+        EXPECT_EQ(Rec(g_pendingAtFork)->timerState, kTimerStateCancelled);
+        // The child's own timer starts its timer thread; the inherited one
+        // stays quiet past its due time.
+        static Counter own;
+        HANDLE mine = nullptr;
+        ASSERT_EQ(ck->lpVtbl->KsoAllocTimer(ck, CountRoutine, &own, FALSE, &mine), 0u);
+        ASSERT_EQ(ck->lpVtbl->KsoScheduleTimer(ck, mine, 0), 0u);
+        EXPECT_TRUE(WaitFor([] { return own.runs.load() == 1; }));
+        std::this_thread::sleep_for(std::chrono::milliseconds(600));
+        EXPECT_EQ(g_pendingRuns.runs.load(), 0);
+        EXPECT_EQ(ck->lpVtbl->KsoCancelTimer(ck, g_pendingAtFork), FALSE);
+        EXPECT_EQ(ck->lpVtbl->KsoDestroyTimer(ck, g_pendingAtFork), 0u);
+        EXPECT_EQ(ck->lpVtbl->KsoDestroyTimer(ck, mine), 0u);
+    });
+    EXPECT_EQ(rc, 0);
+    EXPECT_TRUE(WaitFor([] { return g_pendingRuns.runs.load() == 1; }));
+    EXPECT_EQ(v->KsoDestroyTimer(k, g_pendingAtFork), 0u);
+}
+
 TEST_F(TimerTest, ForkedChildFiresTimersAndWorkItemsAndStops) {
     KSPL_SKIP_UNLESS_CHILD_MAY_START_THREADS();
     g_childInstance = k;

@@ -418,6 +418,40 @@ TEST_F(WorkItemTest, StopRequestEndsEveryWorkerOnceRunningRoutinesReturn) {
     EXPECT_EQ(rc, 0);
 }
 
+// An item still queued at a fork is the parent's work: the child's pool
+// never runs it there, and in the child it is idle (destroyable).
+HANDLE g_queuedAtFork = nullptr;
+Counter g_queuedRuns;
+
+TEST_F(WorkItemTest, ItemsQueuedAtForkRunOnlyInTheParent) {
+    KSPL_SKIP_UNLESS_CHILD_MAY_START_THREADS();
+    g_childInstance = k;
+    Blocker b;
+    std::vector<HANDLE> busy = Occupy(&b, 8);  // every worker: the item stays queued
+    g_queuedRuns.runs = 0;
+    ASSERT_EQ(v->KsoAllocWorkItem(k, CountRoutine, &g_queuedRuns, &g_queuedAtFork), 0u);
+    ASSERT_EQ(v->KsoScheduleWorkItem(k, g_queuedAtFork, KSO_PRIORITY_NORMAL), 0u);
+    int rc = KsplRunInChild([] {
+        alarm(60);
+        IKspl* ck = g_childInstance;
+        EXPECT_EQ(QueuedItems(), 0u);
+        static Counter own;
+        HANDLE mine = nullptr;
+        ASSERT_EQ(ck->lpVtbl->KsoAllocWorkItem(ck, CountRoutine, &own, &mine), 0u);
+        ASSERT_EQ(ck->lpVtbl->KsoScheduleWorkItem(ck, mine, KSO_PRIORITY_NORMAL), 0u);
+        EXPECT_TRUE(WaitFor([] { return own.runs.load() == 1; }));
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        EXPECT_EQ(g_queuedRuns.runs.load(), 0);
+        EXPECT_EQ(ck->lpVtbl->KsoDestroyWorkItem(ck, g_queuedAtFork), 0u);
+        EXPECT_EQ(ck->lpVtbl->KsoDestroyWorkItem(ck, mine), 0u);
+    });
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(QueuedItems(), 1u);
+    Release(&b, busy);
+    EXPECT_TRUE(WaitFor([] { return g_queuedRuns.runs.load() == 1; }));
+    EXPECT_TRUE(WaitFor([&] { return v->KsoDestroyWorkItem(k, g_queuedAtFork) == 0; }));
+}
+
 TEST_F(WorkItemTest, ForkedChildRunsItemsAndStops) {
     g_childInstance = k;
     // A child that never schedules: stopping must not wait for the parent's

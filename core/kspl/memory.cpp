@@ -14,6 +14,7 @@
 #include "linklist_int.h"
 #include "linux/dbg_int.h"
 #include "memory_int.h"
+#include "sysalloc_int.h"
 
 KSPL_SOURCE_UNIT("memory");
 
@@ -44,7 +45,7 @@ PVOID AllocTracked(IKspl* pThis, UINT32 Size, UINT32 poolType) {
     // The block size is computed in 32 bits by the block's users; a request
     // whose header + size + trailer does not fit is refused, never wrapped.
     if (Size > UINT32_MAX - kMemHeaderSize - sizeof(UINT32)) return nullptr;
-    auto* block = static_cast<unsigned char*>(std::malloc(kMemHeaderSize + Size + sizeof(UINT32)));
+    auto* block = static_cast<unsigned char*>(KsplSysAlloc(kMemHeaderSize + Size + sizeof(UINT32)));
     if (block == nullptr) return nullptr;
 
     auto* header = reinterpret_cast<KSO_MEM_HANDLE*>(block);
@@ -105,6 +106,6 @@ KSSTATUS KsoFreeMemory(IKspl* pThis, PVOID pMemory) {
     // The block is unreachable now: clear the header so that a second
     // release of the same pointer no longer finds 'MEM '.
     std::memset(header, 0, sizeof(*header));
-    std::free(header);
+    KsplSysFree(header);
     return 0;
 }

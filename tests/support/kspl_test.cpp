@@ -128,6 +128,8 @@ int KsplRunInChild(void (*body)()) {
     pid_t pid = fork();
     if (pid == 0) {
         body();
+        // _exit skips stdio's flush: the child's failure messages would be lost.
+        fflush(nullptr);
         _exit(::testing::Test::HasFailure() ? 1 : 0);
     }
     int status = 0;

@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "../sysalloc_int.h"
 #include "locale_int.h"
 #include "stdio_int.h"
 #include "sync_int.h"
@@ -80,12 +81,12 @@ UINT32 WideLength(const WCHAR* s) {
 // malloc of a size computed in 64 bits; null when it does not fit size_t.
 void* AllocWork(uint64_t size) {
     if (size == 0 || size > SIZE_MAX) return nullptr;
-    return std::malloc(static_cast<size_t>(size));
+    return KsplSysAlloc(static_cast<size_t>(size));
 }
 
 void FreeKeyRecord(IKspl* pThis, KSO_KEY_HANDLE* rec) {
     KsoZeroMemory(pThis, rec, sizeof *rec);
-    std::free(rec);
+    KsplSysFree(rec);
 }
 
 // Open and create share everything but the store call; failures carry the
@@ -97,7 +98,7 @@ KSSTATUS OpenOrCreate(IKspl* pThis, PWCHAR pKeyNameW, UINT32 DesiredAccess, HAND
     *pHandle = nullptr;
     if (DesiredAccess > KSO_KEY_ALL_ACCESS)
         return KSPL_STATUS_AS(KSPL_FACILITY, KSPL_CODE_INVALID_PARAM, function);
-    auto* rec = static_cast<KSO_KEY_HANDLE*>(std::calloc(1, sizeof(KSO_KEY_HANDLE)));
+    auto* rec = static_cast<KSO_KEY_HANDLE*>(KsplSysCalloc(1, sizeof(KSO_KEY_HANDLE)));
     if (rec == nullptr) return KSPL_STATUS_AS(KSPL_FACILITY, KSPL_CODE_NO_MEMORY, function);
     rec->Signature = kSigKey;
     std::memcpy(rec->Key.KeyName, kRegistryPath, kRegistryPathLength);
@@ -158,14 +159,14 @@ KSSTATUS KsoEnumerateKey(IKspl* pThis, HANDLE Handle, UINT32 Index, PVOID pKeyIn
     if (Length < kKeyInfoHeader || pKeyInformation == nullptr || pResultLength == nullptr)
         return KSPL_STATUS(KSPL_CODE_INVALID_PARAM);
     if (Length == kKeyInfoHeader) return KSPL_STATUS(KSPL_CODE_BUFFER_SMALL);
-    auto* subKeyName = static_cast<CHAR*>(std::malloc(512));
+    auto* subKeyName = static_cast<CHAR*>(KsplSysAlloc(512));
     if (subKeyName == nullptr) return KSPL_STATUS(KSPL_CODE_NO_MEMORY);
     INT32 subKeyNameLen = 511;
     UINT64 lastWriteTime = 0;
     KSSTATUS status = ZLRegEnumKeyExA(KeyRecord(Handle)->Key.KeyHandle, Index, subKeyName,
                                       &subKeyNameLen, nullptr, nullptr, nullptr, &lastWriteTime);
     if (status != 0) {
-        std::free(subKeyName);
+        KsplSysFree(subKeyName);
         return status;
     }
     subKeyName[subKeyNameLen] = '\0';
@@ -175,7 +176,7 @@ KSSTATUS KsoEnumerateKey(IKspl* pThis, HANDLE Handle, UINT32 Index, PVOID pKeyIn
     UINT32 capacity = (Length - 21) / 2;
     PutU32(rec, offsetof(KSO_KEY_INFORMATION, KeyNameLength), capacity);
     if (capacity == 0) {
-        std::free(subKeyName);
+        KsplSysFree(subKeyName);
         return KSPL_STATUS(KSPL_CODE_BUFFER_SMALL);
     }
     UINT32 units = capacity;
@@ -186,7 +187,7 @@ KSSTATUS KsoEnumerateKey(IKspl* pThis, HANDLE Handle, UINT32 Index, PVOID pKeyIn
         PutUnit(rec, offsetof(KSO_KEY_INFORMATION, KeyName) + units * 2, 0);
         PutU32(rec, offsetof(KSO_KEY_INFORMATION, KeyNameLength), units * 2 + 2);
     }
-    std::free(subKeyName);
+    KsplSysFree(subKeyName);
     return status;
 }
 
@@ -213,7 +214,7 @@ KSSTATUS KsoSetValueKey(IKspl* pThis, HANDLE Handle, PWCHAR pValueNameW, KSO_REG
                 WideCharToMultiByteMultiple(pThis, kCodePageOem, DataType == KSO_REG_MULTI_SZ,
                                             static_cast<PWCHAR>(pData), -1, work + 256, &converted);
             if (status != 0) {
-                std::free(work);
+                KsplSysFree(work);
                 return status;
             }
             work[256 + converted] = '\0';
@@ -229,24 +230,24 @@ KSSTATUS KsoSetValueKey(IKspl* pThis, HANDLE Handle, PWCHAR pValueNameW, KSO_REG
             data = pData;
             length = DataLength;
         }
-        work = static_cast<CHAR*>(std::malloc(256));
+        work = static_cast<CHAR*>(KsplSysAlloc(256));
         if (work == nullptr) return KSPL_STATUS(KSPL_CODE_NO_MEMORY);
     }
     UINT32 nameLength = kValueNameRoom;
     KSSTATUS status = KsoWideCharToMultiByte(pThis, kCodePageOem, name, -1, work, &nameLength);
     if (status != 0) {
-        std::free(work);
+        KsplSysFree(work);
         return status;
     }
     work[nameLength] = '\0';
     status = ZLRegSetValueExA(KeyRecord(Handle)->Key.KeyHandle, work, 0, DataType, data, length);
-    std::free(work);
+    KsplSysFree(work);
     return status;
 }
 
 KSSTATUS KsoDeleteValue(IKspl* pThis, HANDLE Handle, PWCHAR pValueNameW) {
     if (!KsplHandleIs(Handle, kSigKey)) return KSPL_STATUS(KSPL_CODE_INVALID_HANDLE);
-    auto* work = static_cast<CHAR*>(std::malloc(256));
+    auto* work = static_cast<CHAR*>(KsplSysAlloc(256));
     if (work == nullptr) return KSPL_STATUS(KSPL_CODE_NO_MEMORY);
     PWCHAR name = pValueNameW != nullptr && pValueNameW[0] != 0 ? pValueNameW : szDefaultNameW;
     UINT32 nameLength = kValueNameRoom;
@@ -255,7 +256,7 @@ KSSTATUS KsoDeleteValue(IKspl* pThis, HANDLE Handle, PWCHAR pValueNameW) {
         work[nameLength] = '\0';
         status = ZLRegDeleteValueA(KeyRecord(Handle)->Key.KeyHandle, work);
     }
-    std::free(work);
+    KsplSysFree(work);
     return status;
 }
 
@@ -290,7 +291,7 @@ KSSTATUS KsoQueryValueKey(IKspl* pThis, HANDLE Handle, PWCHAR pValueNameW, PVOID
     KSSTATUS status = KsoWideCharToMultiByte(pThis, kCodePageOem, WideAt(rec, kNameAt),
                                              static_cast<INT32>(units), work, &narrow);
     if (status != 0) {
-        std::free(work);
+        KsplSysFree(work);
         return status;
     }
     work[narrow] = '\0';
@@ -301,7 +302,7 @@ KSSTATUS KsoQueryValueKey(IKspl* pThis, HANDLE Handle, PWCHAR pValueNameW, PVOID
                                 &dataLength);
     PutU32(rec, offsetof(KSO_KEY_VALUE_INFORMATION, ValueType), type);
     if (KS_IS_ERROR(status)) {
-        std::free(work);
+        KsplSysFree(work);
         return status;
     }
     if (type != KSO_REG_SZ && type != KSO_REG_MULTI_SZ) {
@@ -312,19 +313,19 @@ KSSTATUS KsoQueryValueKey(IKspl* pThis, HANDLE Handle, PWCHAR pValueNameW, PVOID
             PutU32(rec, offsetof(KSO_KEY_VALUE_INFORMATION, ValueLength), dataLength);
             *pResultLength = valueOffset + dataLength;
         }
-        std::free(work);
+        KsplSysFree(work);
         return status;
     }
     if (static_cast<INT32>(dataLength) <= 0) {
         PutU32(rec, offsetof(KSO_KEY_VALUE_INFORMATION, ValueLength), 0);
         *pResultLength = 0;
-        std::free(work);
+        KsplSysFree(work);
         return status;
     }
     if (data[dataLength - 1] == '\0') --dataLength;
     INT32 capacity = static_cast<INT32>(room / 2) - 1;
     if (capacity <= 0) {
-        std::free(work);
+        KsplSysFree(work);
         return KSPL_STATUS(KSPL_CODE_BUFFER_SMALL);
     }
     UINT32 produced = static_cast<UINT32>(capacity);
@@ -335,7 +336,7 @@ KSSTATUS KsoQueryValueKey(IKspl* pThis, HANDLE Handle, PWCHAR pValueNameW, PVOID
         PutU32(rec, offsetof(KSO_KEY_VALUE_INFORMATION, ValueLength), 2 * produced + 2);
         *pResultLength = valueOffset + 2 * produced + 2;
     }
-    std::free(work);
+    KsplSysFree(work);
     return status;
 }
 
@@ -359,7 +360,7 @@ KSSTATUS KsoEnumerateValueKey(IKspl* pThis, HANDLE Handle, UINT32 Index,
                                       &valueNameLength, nullptr, &valueType, subKeyValue,
                                       &subKeyValueLen);
     if (status != 0) {
-        std::free(work);
+        KsplSysFree(work);
         return status;
     }
     auto* rec = static_cast<UINT8*>(pKeyValueInformation);
@@ -368,14 +369,14 @@ KSSTATUS KsoEnumerateValueKey(IKspl* pThis, HANDLE Handle, UINT32 Index,
     UINT32 nameUnits = (Length - 25) / 2;
     PutU32(rec, offsetof(KSO_KEY_VALUE_INFORMATION, KeyValueNameLength), nameUnits);
     if (nameUnits == 0) {
-        std::free(work);
+        KsplSysFree(work);
         return KSPL_STATUS(KSPL_CODE_BUFFER_SMALL);
     }
     status = KsoMultiByteToWideChar(pThis, kCodePageOem, valueName, valueNameLength,
                                     WideAt(rec, kNameAt), &nameUnits);
     PutU32(rec, offsetof(KSO_KEY_VALUE_INFORMATION, KeyValueNameLength), nameUnits);
     if (status != 0) {
-        std::free(work);
+        KsplSysFree(work);
         return status;
     }
     PutUnit(rec, kNameAt + 2 * nameUnits, 0);
@@ -431,6 +432,6 @@ KSSTATUS KsoEnumerateValueKey(IKspl* pThis, HANDLE Handle, UINT32 Index,
             break;
     }
     if (status == 0) PutU32(rec, offsetof(KSO_KEY_VALUE_INFORMATION, ValueLength), valueLength);
-    std::free(work);
+    KsplSysFree(work);
     return status;
 }

@@ -20,6 +20,7 @@
 
 #include "../memory_int.h"
 #include "convert_int.h"
+#include "convlock_int.h"
 #include "dbg_int.h"
 #include "locale_int.h"
 #include "stdio_int.h"
@@ -51,9 +52,9 @@ int Convert(iconv_t cd, const void* in, size_t inBytes, void* out, size_t outByt
 class Descriptor {
 public:
     Descriptor(const char* to, const char* from)
-        : cd_(to != nullptr && from != nullptr ? iconv_open(to, from) : kNoDescriptor) {}
+        : cd_(to != nullptr && from != nullptr ? KsplIconvOpen(to, from) : kNoDescriptor) {}
     ~Descriptor() {
-        if (cd_ != kNoDescriptor) iconv_close(cd_);
+        if (cd_ != kNoDescriptor) KsplIconvClose(cd_);
     }
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;

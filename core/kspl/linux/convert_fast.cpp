@@ -33,7 +33,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "../sysalloc_int.h"
 #include "convert_int.h"
+#include "convlock_int.h"
 
 namespace {
 
@@ -128,11 +130,11 @@ inline uint16_t RawToNarrow(const SingleByteTables& t, WCHAR v) {
 // sequence or converts to more than one unit, a unit that needs more than
 // one byte, or results that depend on what was converted before.
 bool Probe(const char* name, SingleByteTables* t) {
-    iconv_t toWide = iconv_open("UNICODE", name);
+    iconv_t toWide = KsplIconvOpen("UNICODE", name);
     if (toWide == kNoDescriptor) return false;
-    iconv_t toNarrow = iconv_open(name, "UNICODE");
+    iconv_t toNarrow = KsplIconvOpen(name, "UNICODE");
     if (toNarrow == kNoDescriptor) {
-        iconv_close(toWide);
+        KsplIconvClose(toWide);
         return false;
     }
     bool single = true;
@@ -177,8 +179,8 @@ bool Probe(const char* name, SingleByteTables* t) {
             }
         }
     }
-    iconv_close(toNarrow);
-    iconv_close(toWide);
+    KsplIconvClose(toNarrow);
+    KsplIconvClose(toWide);
     if (!single) return false;
 
     static constexpr WCHAR kSeparators[3] = {':', '\\', '/'};
@@ -198,12 +200,12 @@ bool Probe(const char* name, SingleByteTables* t) {
 
 SingleByteTables* BuildTables(const char* name) {
     if (name == nullptr) return nullptr;
-    auto* t = static_cast<SingleByteTables*>(std::malloc(sizeof(SingleByteTables)));
+    auto* t = static_cast<SingleByteTables*>(KsplSysAlloc(sizeof(SingleByteTables)));
     if (t == nullptr) return nullptr;
-    t->name = strdup(name);
+    t->name = KsplSysStrdup(name);
     if (t->name == nullptr || !Probe(name, t)) {
-        std::free(t->name);
-        std::free(t);
+        KsplSysFree(t->name);
+        KsplSysFree(t);
         return nullptr;
     }
     t->key = name;
@@ -522,7 +524,7 @@ public:
             next_ = (next_ + 1) % kSlots;
             Close(free);
         }
-        iconv_t cd = toWide ? iconv_open("UNICODE", name) : iconv_open(name, "UNICODE");
+        iconv_t cd = toWide ? KsplIconvOpen("UNICODE", name) : KsplIconvOpen(name, "UNICODE");
         if (cd == kNoDescriptor) return kNoDescriptor;
         free->cd = cd;
         free->generation = generation;
@@ -533,7 +535,7 @@ public:
 
 private:
     static void Close(CachedDescriptor* s) {
-        if (s->cd != kNoDescriptor) iconv_close(s->cd);
+        if (s->cd != kNoDescriptor) KsplIconvClose(s->cd);
         s->cd = kNoDescriptor;
     }
 
@@ -554,13 +556,13 @@ void KsplConvTablesBuild(const char* oemCodePage, const char* ansiCodePage) {
         std::strcmp(ansiCodePage, oemCodePage) == 0) {
         // Same code page: one probe, the second key points at its own name.
         if (g_tables[0] != nullptr) {
-            g_tables[1] = static_cast<SingleByteTables*>(std::malloc(sizeof(SingleByteTables)));
+            g_tables[1] = static_cast<SingleByteTables*>(KsplSysAlloc(sizeof(SingleByteTables)));
             if (g_tables[1] != nullptr) {
                 std::memcpy(static_cast<void*>(g_tables[1]), g_tables[0], sizeof(SingleByteTables));
-                g_tables[1]->name = strdup(ansiCodePage);
+                g_tables[1]->name = KsplSysStrdup(ansiCodePage);
                 g_tables[1]->key = ansiCodePage;
                 if (g_tables[1]->name == nullptr) {
-                    std::free(g_tables[1]);
+                    KsplSysFree(g_tables[1]);
                     g_tables[1] = nullptr;
                 }
             }
@@ -574,8 +576,8 @@ void KsplConvTablesBuild(const char* oemCodePage, const char* ansiCodePage) {
 void KsplConvTablesFree() {
     for (SingleByteTables*& t : g_tables) {
         if (t != nullptr) {
-            std::free(t->name);
-            std::free(t);
+            KsplSysFree(t->name);
+            KsplSysFree(t);
             t = nullptr;
         }
     }

@@ -24,6 +24,7 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "../sysalloc_int.h"
 #include "linklist_int.h"
 #include "memory_int.h"
 #include "stdio_int.h"
@@ -199,7 +200,7 @@ KSSTATUS KsoAllocEvent(IKspl* pThis, KSO_EVENT_TYPE EventType, HANDLE* pHandle) 
         return KSPL_STATUS(KSPL_CODE_INVALID_PARAM);
     }
     *pHandle = nullptr;
-    auto* e = static_cast<KSO_EVENT_HANDLE*>(std::calloc(1, sizeof(KSO_EVENT_HANDLE)));
+    auto* e = static_cast<KSO_EVENT_HANDLE*>(KsplSysCalloc(1, sizeof(KSO_EVENT_HANDLE)));
     if (e == nullptr) return KSPL_STATUS(KSPL_CODE_FAILURE);
     InitEventRecord(e, EventType);
     KsAtomicAdd(&KsplInfo(pThis)->EventInUse, 1u);
@@ -222,7 +223,7 @@ KSSTATUS KsoDestroyEvent(IKspl* pThis, HANDLE Handle) {
     pthread_cond_destroy(&e->condition);
     KsAtomicSub(&KsplInfo(pThis)->EventInUse, 1u);
     KsoZeroMemory(pThis, e, sizeof(*e));
-    std::free(e);
+    KsplSysFree(e);
     return 0;
 }
 

@@ -12,6 +12,7 @@
 #include "../factory_int.h"
 #include "../linklist_int.h"
 #include "kspl_guids.h"
+#include "convlock_int.h"
 #include "dbg_int.h"
 #include "init_int.h"
 #include "instance_int.h"
@@ -64,6 +65,7 @@ static bool KsplInjectedFailure(KsplInitStep step) {
 // The fork handler is registered once per process; a retried
 // initialisation does not register it again.
 static bool g_forkHandlerRegistered = false;
+static bool g_registryForkHandlerRegistered = false;
 
 HRESULT KsplMapStatusToHresult(KSSTATUS status) {
     switch (status & 0xFFFFu) {
@@ -115,6 +117,18 @@ void KsplForkChildHandler(void) {
     __builtin_memcpy(static_cast<void*>(&g_hModuleMutex), &g_dummy_mutex, sizeof(g_hModuleMutex));
 }
 
+// fork(): the forking thread holds the locks a child would otherwise find
+// taken by threads that do not exist there (outer first: conversions, the
+// instance registry, the instances' memory locks).
+static void KsplForkPrepare() {
+    KsplConvForkPrepare();
+    KsplInstancesForkPrepare();
+}
+static void KsplForkRelease() {
+    KsplInstancesForkRelease();
+    KsplConvForkRelease();
+}
+
 // REQUIRES: g_hModuleMutex is held.
 static KSSTATUS KsplInitialize() {
     static constexpr char kFn[] = "KsplInitialize";
@@ -122,7 +136,13 @@ static KSSTATUS KsplInitialize() {
     int forkRc = 0;
     g_ksplInitHooks.runs.fetch_add(1, std::memory_order_relaxed);
     if (!g_forkHandlerRegistered) {
-        forkRc = pthread_atfork(nullptr, nullptr, KsplForkChildHandler);
+        // The registry's handlers first: a failed registration is retried
+        // by the next initialisation without registering either twice.
+        if (!g_registryForkHandlerRegistered) {
+            forkRc = pthread_atfork(KsplForkPrepare, KsplForkRelease, KsplForkRelease);
+            g_registryForkHandlerRegistered = forkRc == 0;
+        }
+        if (forkRc == 0) forkRc = pthread_atfork(nullptr, nullptr, KsplForkChildHandler);
         if (forkRc != 0) {
             KsplLog(LOG_USER | LOG_ERR, "pthread_atfork() failed %x", static_cast<unsigned>(forkRc));
         } else {

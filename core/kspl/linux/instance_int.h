@@ -24,6 +24,12 @@ UINT32 KsplFactoryCreateInstance(void* This, PORLM_IUnknown pUnkOuter, const GUI
                                  void** ppInterface);
 UINT32 KsplFactoryLockServer(void* This, BOOLEAN fLock);
 
+// fork() handlers of the instance registry: prepare takes InterfaceMutex and
+// every instance's two protection locks; release (parent and child) gives
+// them back.
+void KsplInstancesForkPrepare(void);
+void KsplInstancesForkRelease(void);
+
 inline bool KsGuidEqual(const GUID* a, const GUID* b) {
     return a != nullptr && b != nullptr && __builtin_memcmp(a, b, sizeof(GUID)) == 0;
 }

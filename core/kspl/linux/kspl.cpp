@@ -3,6 +3,9 @@
 //
 // Lock order: InterfaceMutex is taken alone; no other lock is held while it
 // is held, and it is never taken while an instance's protection locks are.
+// The one exception is fork preparation, which holds InterfaceMutex and
+// then every instance's ProtectionMutex and ProtectionSpinLock (in list
+// order) across fork(): nothing else ever holds two of those.
 #include <cstdlib>
 #include <cstring>
 
@@ -10,6 +13,7 @@
 #include "../linklist_int.h"
 #include "../memory_int.h"
 #include "../stats_int.h"
+#include "../sysalloc_int.h"
 #include "config_int.h"
 #include "dbg_int.h"
 #include "instance_int.h"
@@ -22,6 +26,12 @@
 #include "time_int.h"
 
 KSPL_SOURCE_UNIT("kspl");
+
+namespace {
+inline KsplObjInfo* InstanceFromLink(PLIST_ENTRY link) {
+    return reinterpret_cast<KsplObjInfo*>(reinterpret_cast<char*>(link) - offsetof(KsplObjInfo, Link));
+}
+}  // namespace
 
 // InterfaceMutex guards InterfaceList and InterfaceCount.
 LIST_ENTRY InterfaceList = {&InterfaceList, &InterfaceList};
@@ -165,7 +175,7 @@ UINT32 KsplFactoryCreateInstance(void* /*This*/, PORLM_IUnknown pUnkOuter, const
     *ppInterface = nullptr;
     if (!KsGuidEqual(pIId, &IID_IZorvikKspl_1)) return KSPL_STATUS(KSPL_CODE_NOT_SUPPORTED);
 
-    auto* info = static_cast<KsplObjInfo*>(std::calloc(1, sizeof(KsplObjInfo)));
+    auto* info = static_cast<KsplObjInfo*>(KsplSysCalloc(1, sizeof(KsplObjInfo)));
     if (info == nullptr) return KSPL_STATUS(KSPL_CODE_NO_MEMORY);
     info->cReference = 1;
     info->Signature = kSigInstance;
@@ -216,8 +226,29 @@ UINT32 KsplReleaseReference(IKspl* pThis) {
     // Clear the signature so that a stale pointer fails the instance check
     // for as long as the allocator leaves the memory untouched.
     info->Signature = 0;
-    std::free(info);
+    KsplSysFree(info);
     return 0;
+}
+
+// fork(): a child must not inherit the registry or a memory list halfway
+// through a change by another thread, nor a lock that thread held. The
+// forking thread takes them all first and lets go on both sides.
+void KsplInstancesForkPrepare(void) {
+    pthread_mutex_lock(&InterfaceMutex);
+    for (PLIST_ENTRY link = InterfaceList.Flink; link != &InterfaceList; link = link->Flink) {
+        KsplObjInfo* info = InstanceFromLink(link);
+        pthread_mutex_lock(&info->ProtectionMutex);
+        pthread_mutex_lock(&info->ProtectionSpinLock);
+    }
+}
+
+void KsplInstancesForkRelease(void) {
+    for (PLIST_ENTRY link = InterfaceList.Flink; link != &InterfaceList; link = link->Flink) {
+        KsplObjInfo* info = InstanceFromLink(link);
+        pthread_mutex_unlock(&info->ProtectionSpinLock);
+        pthread_mutex_unlock(&info->ProtectionMutex);
+    }
+    pthread_mutex_unlock(&InterfaceMutex);
 }
 
 KSSTATUS KsoRegisterModuleName(IKspl* pThis, PCHAR pModuleName) {

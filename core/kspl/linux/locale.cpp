@@ -13,7 +13,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "../sysalloc_int.h"
 #include "convert_int.h"
+#include "convlock_int.h"
 #include "dbg_int.h"
 #include "locale_int.h"
 
@@ -38,7 +40,7 @@ std::atomic<KsplCodePageAllocFn> g_allocHook{nullptr};
 char* CopyName(const char* name) {
     KsplCodePageAllocFn alloc = g_allocHook.load(std::memory_order_acquire);
     size_t size = std::strlen(name) + 1;
-    auto* copy = static_cast<char*>(alloc != nullptr ? alloc(size) : std::malloc(size));
+    auto* copy = static_cast<char*>(alloc != nullptr ? alloc(size) : KsplSysAlloc(size));
     if (copy != nullptr) std::memcpy(copy, name, size);
     return copy;
 }
@@ -58,25 +60,25 @@ void KsplSetCodePageAllocHook(KsplCodePageAllocFn alloc) {
 }
 
 BOOLEAN CodePageValid(char* pCodePage) {
-    iconv_t cd = iconv_open(pCodePage, kWideCodeSet);
+    iconv_t cd = KsplIconvOpen(pCodePage, kWideCodeSet);
     if (cd == kNoDescriptor) {
         KsplLog(kLogErr, "CodePageValid: Unable to open conversion descriptor %s-UNICODE\n",
                 pCodePage);
         return FALSE;
     }
-    iconv_close(cd);
-    cd = iconv_open(kWideCodeSet, pCodePage);
+    KsplIconvClose(cd);
+    cd = KsplIconvOpen(kWideCodeSet, pCodePage);
     if (cd == kNoDescriptor) {
         KsplLog(kLogErr, "CodePageValid: Unable to open conversion descriptor UNICODE-%s\n",
                 pCodePage);
         return FALSE;
     }
-    iconv_close(cd);
+    KsplIconvClose(cd);
     return TRUE;
 }
 
 BOOLEAN CheckCodePageEuroSupport(char* pCodePage) {
-    iconv_t cd = iconv_open(pCodePage, kWideCodeSet);
+    iconv_t cd = KsplIconvOpen(pCodePage, kWideCodeSet);
     if (cd == kNoDescriptor) {
         KsplLog(kLogErr, "CheckCodePageEuroSupport: Unable to open conversion descriptor\n");
         return FALSE;
@@ -88,7 +90,7 @@ BOOLEAN CheckCodePageEuroSupport(char* pCodePage) {
     size_t inLeft = sizeof(in);
     size_t outLeft = sizeof(out);
     size_t rc = iconv(cd, &inPtr, &inLeft, &outPtr, &outLeft);
-    iconv_close(cd);
+    KsplIconvClose(cd);
     return rc != static_cast<size_t>(-1) ? TRUE : FALSE;
 }
 
@@ -165,7 +167,7 @@ int InitCharConvInfrastructure(void) {
 
     g_pAnsiCodePage = CopyName(ansi);
     if (g_pAnsiCodePage == nullptr) {
-        std::free(g_pOemCodePage);
+        KsplSysFree(g_pOemCodePage);
         g_pOemCodePage = nullptr;
         if (logInfo) KsplLog(kLogErr, "Unable to allocate buffer for code page string");
         return -1;
@@ -178,11 +180,11 @@ int InitCharConvInfrastructure(void) {
 void UnInitCharConvInfrastructure(void) {
     KsplConvTablesFree();
     if (g_pAnsiCodePage != nullptr) {
-        std::free(g_pAnsiCodePage);
+        KsplSysFree(g_pAnsiCodePage);
         g_pAnsiCodePage = nullptr;
     }
     if (g_pOemCodePage != nullptr) {
-        std::free(g_pOemCodePage);
+        KsplSysFree(g_pOemCodePage);
         g_pOemCodePage = nullptr;
     }
 }

@@ -273,6 +273,13 @@ void KsplScheduleForkChild() {
     // Only the forking thread exists here, and it holds every scheduling
     // lock (taken by the prepare handler): the lists are consistent. The
     // conditions may still record waiters of the parent: start them afresh.
+    // Items queued at the fork stay the parent's work (their routines and
+    // contexts belong to its threads); in the child they are simply idle.
+    while (!KsListEmpty(&g_KsplWorkItemQueue.listHead)) {
+        PLIST_ENTRY entry = g_KsplWorkItemQueue.listHead.Flink;
+        KsListRemove(entry);
+        SetItemPending(ItemOf(entry), false);
+    }
     std::memcpy(static_cast<void*>(&g_KsplWorkItemQueue.condition), &kFreshCond, sizeof(kFreshCond));
     for (WorkItemThreadObj& obj : g_KsplWorkItemThreads) {
         obj.exit = 0;

@@ -120,7 +120,9 @@ void* KsplTimerThread(void* pUnused);
 // Pool start, stop and fork support. A forked child has none of the
 // parent's threads: the fork handlers keep the lists consistent across the
 // fork and reset the thread counts in the child (creating no thread), and
-// the first schedule in the child starts fresh pools.
+// the first schedule in the child starts fresh pools. Work items queued and
+// timers pending at the fork are the parent's: the child starts with empty
+// queues, those items idle and those timers cancelled.
 
 // Records whether the timer pool is wanted and starts or stops its thread.
 // REQUIRES: g_poolMutex (schedule.cpp) is not held.

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "../sysalloc_int.h"
 #include "locale_int.h"
 #include "stdio_int.h"
 #include "string_int.h"
@@ -33,11 +34,11 @@ int unincmp(PUNICODE_STRING pStr0, PUNICODE_STRING pStr1) {
 // The same over upper-cased copies; -1 when a copy cannot be made.
 int unincasecmp(IKspl* pThis, PUNICODE_STRING pStr0, PUNICODE_STRING pStr1) {
     // One byte at least, so that an empty text is not taken for a failure.
-    auto* copy0 = static_cast<WCHAR*>(std::malloc(pStr0->Length + 1u));
-    auto* copy1 = static_cast<WCHAR*>(std::malloc(pStr1->Length + 1u));
+    auto* copy0 = static_cast<WCHAR*>(KsplSysAlloc(pStr0->Length + 1u));
+    auto* copy1 = static_cast<WCHAR*>(KsplSysAlloc(pStr1->Length + 1u));
     if (copy0 == nullptr || copy1 == nullptr) {
-        std::free(copy0);
-        std::free(copy1);
+        KsplSysFree(copy0);
+        KsplSysFree(copy1);
         return -1;
     }
     if (pStr0->Length != 0) std::memcpy(copy0, pStr0->Buffer, pStr0->Length);
@@ -46,8 +47,8 @@ int unincasecmp(IKspl* pThis, PUNICODE_STRING pStr0, PUNICODE_STRING pStr1) {
     KsoCharUpperBuff(pThis, pStr1->Length / 2u, copy1);
     size_t n = pStr0->Length < pStr1->Length ? pStr0->Length : pStr1->Length;
     int result = n == 0 ? 0 : std::memcmp(copy0, copy1, n);
-    std::free(copy0);
-    std::free(copy1);
+    KsplSysFree(copy0);
+    KsplSysFree(copy1);
     return result;
 }
 

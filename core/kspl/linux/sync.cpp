@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <limits>
 
+#include "../sysalloc_int.h"
 #include "stdio_int.h"
 #include "sync_int.h"
 
@@ -20,7 +21,7 @@ namespace {
 // checks are the caller's; this zero-fills a heap record.
 template <typename Record>
 Record* NewRecord() {
-    return static_cast<Record*>(std::calloc(1, sizeof(Record)));
+    return static_cast<Record*>(KsplSysCalloc(1, sizeof(Record)));
 }
 
 // Clears the record (and with it the signature) before its memory goes back,
@@ -28,7 +29,7 @@ Record* NewRecord() {
 template <typename Record>
 void FreeRecord(Record* record) {
     KsoZeroMemory(nullptr, record, sizeof(Record));
-    std::free(record);
+    KsplSysFree(record);
 }
 
 }  // namespace

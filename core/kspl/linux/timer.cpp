@@ -311,6 +311,26 @@ void KsplTimerForkChild() {
     // running at the fork never returns in the child.
     __atomic_store_n(&g_KsplNumTimerThreads, 0, __ATOMIC_SEQ_CST);
     SetExecuting(nullptr);
+    // Timers pending at the fork stay the parent's, as a process's own
+    // timers are not inherited by its child: their routines and contexts
+    // belong to threads that do not exist here (a context on such a
+    // thread's stack is reused by the first thread the child starts). In
+    // the child they are cancelled, free to be scheduled or destroyed.
+    for (KSO_TIMER_HANDLE* list : {g_KsplTimerFeededQueHeadPtr, g_KsplTimerQueHeadPtr}) {
+        while (list != nullptr) {
+            KSO_TIMER_HANDLE* t = list;
+            list = t->pNextTimerStruct;
+            t->pNextTimerStruct = t->pPrevTimerStruct = nullptr;
+            t->delta = 0;
+            t->list = kTimerListNone;
+            SetState(t, kTimerStateCancelled);
+        }
+    }
+    g_KsplTimerFeededQueHeadPtr = nullptr;
+    g_KsplTimerQueHeadPtr = nullptr;
+    g_timerQueTail = nullptr;
+    g_timerQueTotal = 0;
+    __atomic_store_n(&g_KsplCurrentTimers, 0u, __ATOMIC_RELEASE);
     __atomic_store_n(&g_KsplTimerThreadExit, 0, __ATOMIC_RELEASE);
     pthread_mutex_unlock(&g_KsplTimerQueueMutex);
 }
