@@ -142,9 +142,8 @@ KSSTATUS ZLRegOpenKeyExA(HANDLE hKey, const char* pSubKey, UINT32 ulOptions, UIN
     if (pSubKey == nullptr) pSubKey = "";
     if (Err e = CheckPath(pSubKey)) ZLREG_RETURN(e);
     KeyRef parent;
-    if (Err e = HandleLookup(hKey, &parent)) ZLREG_RETURN(e);
     Conn* c = nullptr;
-    if (Err e = GetConn(&c)) ZLREG_RETURN(e);
+    if (Err e = EnterKey(hKey, false, &parent, &c)) ZLREG_RETURN(e);
     int64_t id = 0;
     if (Err e = Resolve(*c, parent.key, pSubKey, false, &id, nullptr)) ZLREG_RETURN(e);
     ZLREG_RETURN(HandleAdd(KeyRef{id, samDesired != ZLREG_ACCESS_READ}, phkResult));
@@ -159,10 +158,8 @@ KSSTATUS ZLRegCreateKeyExA(HANDLE hKey, const char* pSubKey, UINT32 /*Reserved*/
     if (pSubKey == nullptr) pSubKey = "";
     if (Err e = CheckPath(pSubKey)) ZLREG_RETURN(e);
     KeyRef parent;
-    if (Err e = HandleLookup(hKey, &parent)) ZLREG_RETURN(e);
-    if (!parent.writable) ZLREG_RETURN(ZLREG_ERR(ZLREG_E_ACCESS_DENIED));
     Conn* c = nullptr;
-    if (Err e = GetConn(&c)) ZLREG_RETURN(e);
+    if (Err e = EnterKey(hKey, true, &parent, &c)) ZLREG_RETURN(e);
     int64_t id = 0;
     bool created = false;
     {
@@ -183,10 +180,8 @@ KSSTATUS ZLRegDeleteKeyA(HANDLE hKey, const char* pSubKey) {
     if (pSubKey == nullptr) pSubKey = "";
     if (Err e = CheckPath(pSubKey)) ZLREG_RETURN(e);
     KeyRef parent;
-    if (Err e = HandleLookup(hKey, &parent)) ZLREG_RETURN(e);
-    if (!parent.writable) ZLREG_RETURN(ZLREG_ERR(ZLREG_E_ACCESS_DENIED));
     Conn* c = nullptr;
-    if (Err e = GetConn(&c)) ZLREG_RETURN(e);
+    if (Err e = EnterKey(hKey, true, &parent, &c)) ZLREG_RETURN(e);
     WriteTxn txn;
     if (Err e = txn.Begin(*c)) ZLREG_RETURN(e);
     int64_t id = 0;
@@ -228,17 +223,12 @@ KSSTATUS ZLRegEnumKeyExA(HANDLE hKey, UINT32 dwIndex, char* pName, INT32* pcchNa
     if (pName == nullptr || pcchName == nullptr || *pcchName < 0)
         ZLREG_RETURN(ZLREG_ERR(ZLREG_E_INVALID_ARG));
     KeyRef key;
-    if (Err e = HandleLookup(hKey, &key)) ZLREG_RETURN(e);
     Conn* c = nullptr;
-    if (Err e = GetConn(&c)) ZLREG_RETURN(e);
+    if (Err e = EnterKey(hKey, false, &key, &c)) ZLREG_RETURN(e);
     sqlite3_stmt* s = nullptr;
-    if (Err e = GetStmt(*c, kEnumKey, &s)) ZLREG_RETURN(e);
+    Err stepped = StepEnum(*c, kEnumKey, key.key, dwIndex, &s);
     StmtScope scope(s);
-    sqlite3_bind_int64(s, 1, key.key);
-    sqlite3_bind_int64(s, 2, dwIndex);
-    int rc = sqlite3_step(s);
-    if (rc == SQLITE_DONE) ZLREG_RETURN(MissingOr(*c, key.key, ZLREG_E_NO_MORE_ITEMS, __LINE__, kUnit));
-    if (rc != SQLITE_ROW) ZLREG_RETURN(ZLREG_SQLERR(*c, rc));
+    if (stepped) ZLREG_RETURN(stepped);
     const void* name = sqlite3_column_blob(s, 0);
     int n = sqlite3_column_bytes(s, 0);
     if (Err e = CopyName(name, n, pName, pcchName)) ZLREG_RETURN(e);

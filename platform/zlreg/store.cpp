@@ -473,6 +473,22 @@ Err MissingOr(Conn& c, int64_t key, UINT32 code, int line, const char* unit) {
     return Err{exists ? code : ZLREG_E_KEY_DELETED, line, unit};
 }
 
+Err EnterKey(HANDLE h, bool forWrite, KeyRef* key, Conn** c) {
+    if (Err e = HandleLookup(h, key)) return e;
+    if (forWrite && !key->writable) return ZLREG_ERR(ZLREG_E_ACCESS_DENIED);
+    return GetConn(c);
+}
+
+Err StepEnum(Conn& c, Stmt id, int64_t key, UINT32 index, sqlite3_stmt** s) {
+    if (Err e = GetStmt(c, id, s)) return e;
+    sqlite3_bind_int64(*s, 1, key);
+    sqlite3_bind_int64(*s, 2, index);
+    int rc = sqlite3_step(*s);
+    if (rc == SQLITE_DONE) return MissingOr(c, key, ZLREG_E_NO_MORE_ITEMS, __LINE__, kUnit);
+    if (rc != SQLITE_ROW) return ZLREG_SQLERR(c, rc);
+    return {};
+}
+
 }  // namespace zlreg
 
 using namespace zlreg;

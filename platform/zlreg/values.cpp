@@ -53,9 +53,8 @@ KSSTATUS ZLRegQueryValueExA(HANDLE hKey, const char* pValueName, UINT32* /*pRese
     size_t n = 0;
     if (Err e = CheckValueName(pValueName, &n)) ZLREG_RETURN(e);
     KeyRef key;
-    if (Err e = HandleLookup(hKey, &key)) ZLREG_RETURN(e);
     Conn* c = nullptr;
-    if (Err e = GetConn(&c)) ZLREG_RETURN(e);
+    if (Err e = EnterKey(hKey, false, &key, &c)) ZLREG_RETURN(e);
     sqlite3_stmt* s = nullptr;
     if (Err e = GetStmt(*c, kQueryValue, &s)) ZLREG_RETURN(e);
     StmtScope scope(s);
@@ -79,10 +78,8 @@ KSSTATUS ZLRegSetValueExA(HANDLE hKey, const char* pValueName, UINT32 /*Reserved
     size_t n = 0;
     if (Err e = CheckValueName(pValueName, &n)) ZLREG_RETURN(e);
     KeyRef key;
-    if (Err e = HandleLookup(hKey, &key)) ZLREG_RETURN(e);
-    if (!key.writable) ZLREG_RETURN(ZLREG_ERR(ZLREG_E_ACCESS_DENIED));
     Conn* c = nullptr;
-    if (Err e = GetConn(&c)) ZLREG_RETURN(e);
+    if (Err e = EnterKey(hKey, true, &key, &c)) ZLREG_RETURN(e);
     WriteTxn txn;
     if (Err e = txn.Begin(*c)) ZLREG_RETURN(e);
     bool touched = false;
@@ -114,10 +111,8 @@ KSSTATUS ZLRegDeleteValueA(HANDLE hKey, const char* pValueName) {
     size_t n = 0;
     if (Err e = CheckValueName(pValueName, &n)) ZLREG_RETURN(e);
     KeyRef key;
-    if (Err e = HandleLookup(hKey, &key)) ZLREG_RETURN(e);
-    if (!key.writable) ZLREG_RETURN(ZLREG_ERR(ZLREG_E_ACCESS_DENIED));
     Conn* c = nullptr;
-    if (Err e = GetConn(&c)) ZLREG_RETURN(e);
+    if (Err e = EnterKey(hKey, true, &key, &c)) ZLREG_RETURN(e);
     WriteTxn txn;
     if (Err e = txn.Begin(*c)) ZLREG_RETURN(e);
     sqlite3_stmt* s = nullptr;
@@ -144,18 +139,12 @@ KSSTATUS ZLRegEnumValueA(HANDLE hKey, UINT32 dwIndex, char* pValueName, INT32* p
         (pData != nullptr && pcbData == nullptr))
         ZLREG_RETURN(ZLREG_ERR(ZLREG_E_INVALID_ARG));
     KeyRef key;
-    if (Err e = HandleLookup(hKey, &key)) ZLREG_RETURN(e);
     Conn* c = nullptr;
-    if (Err e = GetConn(&c)) ZLREG_RETURN(e);
+    if (Err e = EnterKey(hKey, false, &key, &c)) ZLREG_RETURN(e);
     sqlite3_stmt* s = nullptr;
-    if (Err e = GetStmt(*c, kEnumValue, &s)) ZLREG_RETURN(e);
+    Err stepped = StepEnum(*c, kEnumValue, key.key, dwIndex, &s);
     StmtScope scope(s);
-    sqlite3_bind_int64(s, 1, key.key);
-    sqlite3_bind_int64(s, 2, dwIndex);
-    int rc = sqlite3_step(s);
-    if (rc == SQLITE_DONE)
-        ZLREG_RETURN(MissingOr(*c, key.key, ZLREG_E_NO_MORE_ITEMS, __LINE__, kUnit));
-    if (rc != SQLITE_ROW) ZLREG_RETURN(ZLREG_SQLERR(*c, rc));
+    if (stepped) ZLREG_RETURN(stepped);
     // Nothing is written unless both fit; then both lengths tell the room
     // needed.
     int nameLen = sqlite3_column_bytes(s, 0);

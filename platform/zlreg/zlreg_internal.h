@@ -151,5 +151,12 @@ Err CopyNameOut(const void* name, int n, char* buf, INT32* len);
 Err KeyExists(Conn& c, int64_t id, bool* exists);
 // Missing-row outcome for a key: deleted if the key is gone, else `code`.
 Err MissingOr(Conn& c, int64_t key, UINT32 code, int line, const char* unit);
+// The key behind handle `h` and the calling thread's connection; `forWrite`
+// refuses a key opened for reading only.
+Err EnterKey(HANDLE h, bool forWrite, KeyRef* key, Conn** c);
+// Steps enumeration statement `id` to row `index` below `key`. `*s` is set
+// whenever the statement was obtained, for the caller's StmtScope, also on
+// failure; past the last row the key's absence tells deleted from done.
+Err StepEnum(Conn& c, Stmt id, int64_t key, UINT32 index, sqlite3_stmt** s);
 
 }  // namespace zlreg
