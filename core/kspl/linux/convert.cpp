@@ -32,21 +32,6 @@ namespace {
 constexpr const char kWideCodeSet[] = "UNICODE";
 constexpr const char kUtf8CodeSet[] = "UTF-8";
 const iconv_t kNoDescriptor = reinterpret_cast<iconv_t>(-1);
-constexpr size_t kIconvFailed = static_cast<size_t>(-1);
-
-// Separators that never pass through iconv, so that paths survive every
-// code page unchanged.
-inline bool IsPathSeparator(unsigned v) { return v == ':' || v == '\\' || v == '/'; }
-
-// One iconv call over the whole input; returns the output bytes produced,
-// or -1 on failure (errno as iconv left it).
-int Convert(iconv_t cd, const void* in, size_t inBytes, void* out, size_t outBytes) {
-    char* inPtr = const_cast<char*>(static_cast<const char*>(in));
-    char* outPtr = static_cast<char*>(out);
-    size_t outLeft = outBytes;
-    if (iconv(cd, &inPtr, &inBytes, &outPtr, &outLeft) == kIconvFailed) return -1;
-    return static_cast<int>(outBytes - outLeft);
-}
 
 // One descriptor per call; closed on every path.
 class Descriptor {
@@ -115,7 +100,7 @@ int KsplLocToUniOn(iconv_t descriptor, BOOLEAN codePageSupportsEuro, char* pInMu
         const unsigned char b = in[pos];
         const int left = inMultiChars - pos;
         WCHAR unit;
-        if (IsPathSeparator(b)) {
+        if (KsplIsPathSeparator(b)) {
             unit = b;
             pos += 1;
         } else if (b == '[' && left >= 6 && in[pos + 5] == ']') {
@@ -137,7 +122,7 @@ int KsplLocToUniOn(iconv_t descriptor, BOOLEAN codePageSupportsEuro, char* pInMu
                 unsigned char src[4] = {};
                 unsigned char dst[6];
                 std::memcpy(src, in + pos, static_cast<size_t>(k));
-                int bytes = Convert(descriptor, src, static_cast<size_t>(k) + 1, dst, sizeof(dst));
+                int bytes = KsplIconvOnce(descriptor, src, static_cast<size_t>(k) + 1, dst, sizeof(dst));
                 if (bytes >= 0) {
                     if (!TakeWideUnit(dst, bytes, firstOutput, &unit)) return Fail(pOutWideChars);
                     firstOutput = false;
@@ -190,7 +175,7 @@ int KsplRefUtf8ToUni(char* pInMulti, int inMultiChars, WCHAR* pOutWide, int* pOu
         unsigned char src[8] = {};
         unsigned char dst[6];
         std::memcpy(src, pInMulti + pos, static_cast<size_t>(len));
-        int bytes = Convert(cd.get(), src, static_cast<size_t>(len) + 1, dst, sizeof(dst));
+        int bytes = KsplIconvOnce(cd.get(), src, static_cast<size_t>(len) + 1, dst, sizeof(dst));
         WCHAR unit;
         if (bytes < 0 || !TakeWideUnit(dst, bytes, pos == 0, &unit)) return Fail(pOutWideChars);
         pOutWide[produced++] = unit;
@@ -215,12 +200,12 @@ int KsplUniToLocOn(iconv_t descriptor, WCHAR* pInWide, int inWideChars, char* pO
     int produced = 0;
     while (pos < inWideChars && produced < capacity) {
         const WCHAR u = pInWide[pos];
-        if (IsPathSeparator(u)) {
+        if (KsplIsPathSeparator(u)) {
             pOutMulti[produced++] = static_cast<char>(u);
         } else {
             const WCHAR src[2] = {u, 0};
             char dst[4];
-            int bytes = Convert(descriptor, src, sizeof(src), dst, sizeof(dst));
+            int bytes = KsplIconvOnce(descriptor, src, sizeof(src), dst, sizeof(dst));
             if (bytes >= 0) {
                 // The last byte is the NUL's; a unit that yields no byte of
                 // its own (a leading byte-order mark) produces nothing.
@@ -271,7 +256,7 @@ int KsplRefUniToUtf8(WCHAR* pInWide, int inWideChars, char* pOutMulti, int* pOut
     for (int pos = 0; pos < inWideChars; ++pos) {
         const WCHAR src[2] = {pInWide[pos], 0};
         char dst[8];
-        int bytes = Convert(cd.get(), src, sizeof(src), dst, sizeof(dst));
+        int bytes = KsplIconvOnce(cd.get(), src, sizeof(src), dst, sizeof(dst));
         if (bytes < 1 || bytes > 7) return Fail(pOutMultiChars);
         const int own = bytes - 1;
         // One byte of the capacity always stays free.
@@ -596,4 +581,12 @@ KSSTATUS KsoMultiByteToWideCharMultiple(IKspl* pThis, UINT32 CodePage, BOOLEAN M
     *pos++ = 0;
     *pWideCharStrLen = static_cast<UINT32>(pos - pWideCharStr);
     return 0;
+}
+
+int KsplIconvOnce(iconv_t cd, const void* in, size_t inBytes, void* out, size_t outBytes) {
+    char* inPtr = const_cast<char*>(static_cast<const char*>(in));
+    char* outPtr = static_cast<char*>(out);
+    size_t outLeft = outBytes;
+    if (iconv(cd, &inPtr, &inBytes, &outPtr, &outLeft) == static_cast<size_t>(-1)) return -1;
+    return static_cast<int>(outBytes - outLeft);
 }

@@ -44,8 +44,6 @@ constexpr size_t kIconvFailed = static_cast<size_t>(-1);
 constexpr WCHAR kMark = 0xFEFF;
 constexpr WCHAR kSwappedMark = 0xFFFE;
 
-inline bool IsPathSeparator(unsigned v) { return v == ':' || v == '\\' || v == '/'; }
-
 inline int Fail(int* pOut) {
     *pOut = 0;
     return -1;
@@ -81,14 +79,6 @@ inline void WriteEscape(char* o, WCHAR u) {
     o[5] = ']';
 }
 
-int Convert(iconv_t cd, const void* in, size_t inBytes, void* out, size_t outBytes) {
-    char* inPtr = const_cast<char*>(static_cast<const char*>(in));
-    char* outPtr = static_cast<char*>(out);
-    size_t outLeft = outBytes;
-    if (iconv(cd, &inPtr, &inBytes, &outPtr, &outLeft) == kIconvFailed) return -1;
-    return static_cast<int>(outBytes - outLeft);
-}
-
 // ---------------------------------------------------------------------------
 // Single-byte code pages.
 
@@ -121,7 +111,7 @@ std::atomic<unsigned> g_generation{1};
 inline int SeparatorIndex(unsigned v) { return v == ':' ? 0 : v == '\\' ? 1 : 2; }
 
 inline uint16_t RawToNarrow(const SingleByteTables& t, WCHAR v) {
-    return IsPathSeparator(v) ? t.rawSeparators[SeparatorIndex(v)] : t.toNarrow[v];
+    return KsplIsPathSeparator(v) ? t.rawSeparators[SeparatorIndex(v)] : t.toNarrow[v];
 }
 
 // Fills the tables from iconv with the reference's call shapes (one byte
@@ -143,16 +133,16 @@ bool Probe(const char* name, SingleByteTables* t) {
         WCHAR first[4] = {};
         WCHAR again[4] = {};
         iconv(toWide, nullptr, nullptr, nullptr, nullptr);
-        const int bytes = Convert(toWide, src, 2, first, sizeof(first));
+        const int bytes = KsplIconvOnce(toWide, src, 2, first, sizeof(first));
         if (bytes == 6 && first[0] == kMark && first[2] == 0) {
             // Past the first output: the unit alone, the same one.
-            single = Convert(toWide, src, 2, again, sizeof(again)) == 4 && again[0] == first[1] &&
+            single = KsplIconvOnce(toWide, src, 2, again, sizeof(again)) == 4 && again[0] == first[1] &&
                      again[1] == 0;
             t->toWide[1][b] = first[1];
         } else if (bytes < 0 && errno == EILSEQ) {
             // Undefined here, and not the start of a longer sequence.
             iconv(toWide, nullptr, nullptr, nullptr, nullptr);
-            single = Convert(toWide, src, 1, again, sizeof(again)) < 0 && errno == EILSEQ;
+            single = KsplIconvOnce(toWide, src, 1, again, sizeof(again)) < 0 && errno == EILSEQ;
             t->toWide[1][b] = kHole;
         } else {
             single = false;
@@ -164,10 +154,10 @@ bool Probe(const char* name, SingleByteTables* t) {
         const WCHAR prime[2] = {'A', 0};
         char dst[4];
         iconv(toNarrow, nullptr, nullptr, nullptr, nullptr);
-        Convert(toNarrow, prime, sizeof(prime), dst, sizeof(dst));
+        KsplIconvOnce(toNarrow, prime, sizeof(prime), dst, sizeof(dst));
         for (unsigned u = 0; u < 65536 && single; ++u) {
             const WCHAR src[2] = {static_cast<WCHAR>(u), 0};
-            const int bytes = Convert(toNarrow, src, sizeof(src), dst, sizeof(dst));
+            const int bytes = KsplIconvOnce(toNarrow, src, sizeof(src), dst, sizeof(dst));
             if (bytes == 2) {
                 t->toNarrow[u] = static_cast<unsigned char>(dst[0]);
             } else if (bytes == 1) {
@@ -190,7 +180,7 @@ bool Probe(const char* name, SingleByteTables* t) {
     }
     for (unsigned b = 0; b < 256; ++b) {
         uint32_t v = t->toWide[1][b];
-        if (IsPathSeparator(b)) v = b;
+        if (KsplIsPathSeparator(b)) v = b;
         if (b == '[') v = kBracket;
         t->toWide[1][b] = v;
         t->toWide[0][b] = b == 0xCC ? 0x20AC : v;
@@ -292,7 +282,7 @@ int TableUniToLoc(const SingleByteTables& t, const WCHAR* in, int pos, int n, ch
         const WCHAR u = in[pos];
         uint16_t v;
         if (kSwapped) {
-            v = IsPathSeparator(u) ? u : RawToNarrow(t, Swapped(u));
+            v = KsplIsPathSeparator(u) ? u : RawToNarrow(t, Swapped(u));
         } else {
             v = t.toNarrow[u];  // separators folded in
         }
@@ -322,7 +312,7 @@ int TableUniToLocAll(const SingleByteTables& t, const WCHAR* in, int n, char* ou
     // as a byte-order mark.
     int pos = 0;
     int produced = 0;
-    while (pos < n && produced < capacity && IsPathSeparator(in[pos])) {
+    while (pos < n && produced < capacity && KsplIsPathSeparator(in[pos])) {
         out[produced++] = static_cast<char>(in[pos++]);
     }
     bool swapped = false;
@@ -616,7 +606,7 @@ int KsplFastUniToLoc(char* pCodePage, WCHAR* pInWide, int inWideChars, char* pOu
     }
     // A first unit U+FFFE would leave a cached descriptor swapped for good.
     int first = 0;
-    while (first < inWideChars && IsPathSeparator(pInWide[first])) ++first;
+    while (first < inWideChars && KsplIsPathSeparator(pInWide[first])) ++first;
     iconv_t cd = first < inWideChars && pInWide[first] == kSwappedMark
                      ? kNoDescriptor
                      : t_descriptors.Get(pCodePage, false);

@@ -25,6 +25,14 @@ int KsplRefUniToLoc(char* pCodePage, WCHAR* pInWide, int inWideChars, char* pOut
 int KsplRefUniToUtf8(WCHAR* pInWide, int inWideChars, char* pOutMulti, int* pOutMultiChars);
 int KsplRefUtf8SeqLen(char firstSeqByte);
 
+// Separators that never pass through iconv, so that paths survive every
+// code page unchanged.
+inline bool KsplIsPathSeparator(unsigned v) { return v == ':' || v == '\\' || v == '/'; }
+
+// One iconv call over the whole input; returns the output bytes produced,
+// or -1 on failure (errno as iconv left it).
+int KsplIconvOnce(iconv_t cd, const void* in, size_t inBytes, void* out, size_t outBytes);
+
 // The per-character loops of KsplRefLocToUni and KsplRefUniToLoc on a
 // descriptor the caller opened: fresh, or reset to its initial state with
 // iconv(cd, NULL, NULL, NULL, NULL).
