@@ -97,6 +97,9 @@ void RequestRealtime(pthread_attr_t* attr) {
 void* KsplSystemThreadRtn(void* arg) {
     auto* t = static_cast<KSO_THREAD_HANDLE*>(arg);
     pthread_detach(pthread_self());
+    // Until the creator is out of pthread_create (see KsoCreateThread).
+    pthread_mutex_lock(&t->mutex);
+    pthread_mutex_unlock(&t->mutex);
     ThreadFrame frame{t};
     t_frame = &frame;
     PKSO_THREAD_ROUTINE routine = LoadRoutine(t);
@@ -144,6 +147,11 @@ KSSTATUS KsoCreateThread(IKspl* pThis, KSO_PRIORITY Priority, PKSO_THREAD_ROUTIN
         FreeThreadRecord(pThis, t);
         return KSPL_STATUS(KSPL_CODE_NO_MEMORY);
     }
+    // The new thread waits for the record's mutex until pthread_create has
+    // returned here: pthread_create still reads the attributes and writes
+    // the id after the thread has started, and a thread that ends at once
+    // and destroys its own record would free them under it.
+    pthread_mutex_lock(&t->mutex);
     int rc = pthread_create(&t->id, &t->attr, KsplSystemThreadRtn, t);
     if (realtime && (rc == EPERM || rc == EINVAL || rc == ENOTSUP)) {
         // Real-time scheduling refused (no privilege, or no real-time
@@ -152,6 +160,7 @@ KSSTATUS KsoCreateThread(IKspl* pThis, KSO_PRIORITY Priority, PKSO_THREAD_ROUTIN
         pthread_attr_init(&t->attr);
         rc = pthread_create(&t->id, &t->attr, KsplSystemThreadRtn, t);
     }
+    pthread_mutex_unlock(&t->mutex);
     if (rc != 0) {
         KsAtomicAdd(&g_KsplCurrentThreads, -1);
         FreeThreadRecord(pThis, t);
