@@ -8,11 +8,8 @@
 #include <benchmark/benchmark.h>
 
 #include <atomic>
-#include <cstdio>
-#include <map>
 #include <mutex>
 #include <shared_mutex>
-#include <string>
 #include <unordered_map>
 #include <vector>
 
@@ -155,31 +152,24 @@ const IOMVtbl* LookupTable(const IOM* om, bool exclusive) {
     return exclusive ? &kExclusive : om->lpVtbl;
 }
 
-void OmReferenceByHandle(benchmark::State& state, bool exclusive) {
+// Reference by handle (or find by key) + dereference, the keys of each
+// thread starting elsewhere.
+template <bool kByKey>
+void OmLookup(benchmark::State& state, bool exclusive) {
     Populated& p = Shared();
     IOM* om = p.om;
     const IOMVtbl* table = LookupTable(om, exclusive);
-    size_t i = static_cast<size_t>(state.thread_index()) * 97;
+    UINT32 i = static_cast<UINT32>(state.thread_index()) * 97;
     for (auto _ : state) {
         PVOID user = nullptr;
-        table->ReferenceObjectByHandle(om, p.handles[i % kObjects], 0, &user);
+        UINT32 n = i % kObjects;
+        if constexpr (kByKey) {
+            table->FindObject(om, Key(n), SameKey, n % kChains, 0, &user);
+        } else {
+            table->ReferenceObjectByHandle(om, p.handles[n], 0, &user);
+        }
         table->DereferenceObject(om, user, 0);
         ++i;
-    }
-    state.SetItemsProcessed(state.iterations());
-}
-
-void OmFindByKey(benchmark::State& state, bool exclusive) {
-    Populated& p = Shared();
-    IOM* om = p.om;
-    const IOMVtbl* table = LookupTable(om, exclusive);
-    UINT32 k = static_cast<UINT32>(state.thread_index()) * 97;
-    for (auto _ : state) {
-        PVOID user = nullptr;
-        UINT32 key = k % kObjects;
-        table->FindObject(om, Key(key), SameKey, key % kChains, 0, &user);
-        table->DereferenceObject(om, user, 0);
-        ++k;
     }
     state.SetItemsProcessed(state.iterations());
 }
@@ -210,12 +200,12 @@ const bool kRegistered = [] {
     auto lookup = [](benchmark::internal::Benchmark* b) {
         b->Threads(1)->Threads(2)->UseRealTime();
     };
-    lookup(benchmark::RegisterBenchmark("BM_OmReferenceByHandle", OmReferenceByHandle, false));
-    lookup(benchmark::RegisterBenchmark("BM_OmReferenceByHandleExclusive", OmReferenceByHandle,
+    lookup(benchmark::RegisterBenchmark("BM_OmReferenceByHandle", OmLookup<false>, false));
+    lookup(benchmark::RegisterBenchmark("BM_OmReferenceByHandleExclusive", OmLookup<false>,
                                         true));
     lookup(benchmark::RegisterBenchmark("BM_MapReferenceByHandle", MapLookup));
-    lookup(benchmark::RegisterBenchmark("BM_OmFindByKey", OmFindByKey, false));
-    lookup(benchmark::RegisterBenchmark("BM_OmFindByKeyExclusive", OmFindByKey, true));
+    lookup(benchmark::RegisterBenchmark("BM_OmFindByKey", OmLookup<true>, false));
+    lookup(benchmark::RegisterBenchmark("BM_OmFindByKeyExclusive", OmLookup<true>, true));
     lookup(benchmark::RegisterBenchmark("BM_MapFindByKey", MapLookup));
     return true;
 }();
