@@ -10,7 +10,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -62,19 +61,9 @@ void Teardown() {
 
 // ---- IKspl ----------------------------------------------------------------
 
-void BM_Kspl_QueryU32(benchmark::State& state) {
-    auto name = Wide(u"u32");
-    alignas(8) UINT8 rec[128];
-    UINT32 result = 0;
-    for (auto _ : state) {
-        if (g_k->lpVtbl->KsoQueryValueKey(g_k, g_ksplKey, name.data(), rec, sizeof rec, &result) != 0)
-            state.SkipWithError("query failed");
-        benchmark::DoNotOptimize(rec);
-    }
-    state.SetItemsProcessed(state.iterations());
-}
-void BM_Kspl_QueryText(benchmark::State& state) {
-    auto name = Wide(u"text");
+// The record buffer has room for either value.
+void KsplQuery(benchmark::State& state, const char16_t* value) {
+    auto name = Wide(value);
     alignas(8) UINT8 rec[512];
     UINT32 result = 0;
     for (auto _ : state) {
@@ -84,6 +73,8 @@ void BM_Kspl_QueryText(benchmark::State& state) {
     }
     state.SetItemsProcessed(state.iterations());
 }
+void BM_Kspl_QueryU32(benchmark::State& state) { KsplQuery(state, u"u32"); }
+void BM_Kspl_QueryText(benchmark::State& state) { KsplQuery(state, u"text"); }
 // Every set writes new bytes: SQLite skips rewriting a row with identical
 // content, which would leave the raw statement with no commit to make.
 void BM_Kspl_SetU32(benchmark::State& state) {
@@ -249,33 +240,18 @@ BENCHMARK(BM_Kspl_SetText)->MinTime(1.0);
 BENCHMARK(BM_Zlreg_SetText)->MinTime(1.0);
 BENCHMARK(BM_Sqlite_SetText)->MinTime(1.0);
 
-// Console output plus a record of each run's time per iteration.
-class Recorder : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& r : runs)
-            if (!r.error_occurred && r.iterations > 0)
-                ns[r.benchmark_name()] = r.GetAdjustedRealTime();  // in the run's time unit (ns)
-        ConsoleReporter::ReportRuns(runs);
-    }
-    std::map<std::string, double> ns;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     Setup();
-    Recorder rec;
+    BenchRatioReporter rec("", {});
     benchmark::RunSpecifiedBenchmarks(&rec);
     std::printf("\n%-12s %14s %14s %14s %12s %12s\n", "operation", "IKspl/s", "zlreg/s", "sqlite/s",
                 "IKspl:zlreg", "zlreg:sqlite");
     for (const char* op : {"QueryU32", "QueryText", "SetU32", "SetText"}) {
         auto get = [&](const char* layer) {
-            std::string prefix = std::string("BM_") + layer + "_" + op;
-            for (const auto& [name, t] : rec.ns)
-                if (name.rfind(prefix, 0) == 0) return t;
-            return 0.0;
+            return rec.RealTime(std::string("BM_") + layer + "_" + op);
         };
         double k = get("Kspl"), z = get("Zlreg"), s = get("Sqlite");
         if (k <= 0 || z <= 0 || s <= 0) continue;

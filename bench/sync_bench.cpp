@@ -4,9 +4,6 @@
 #include <pthread.h>
 
 #include <atomic>
-#include <cstdio>
-#include <map>
-#include <string>
 #include <thread>
 
 #include "bench_support.h"
@@ -393,70 +390,16 @@ void BM_PthreadCreateJoin(benchmark::State& state) {
 }
 BENCHMARK(BM_PthreadCreateJoin)->UseRealTime();
 
-// ---------------------------------------------------------------------------
-// Ratios
-// ---------------------------------------------------------------------------
-
-// Prints kspl/reference ratios of real and CPU time per pair after the run
-// (medians when --benchmark_repetitions is given, else the single run).
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& r : runs) {
-            if (r.error_occurred) continue;
-            const std::string name = r.run_name.str();
-            Times& t = times_[name];
-            if (r.run_type == Run::RT_Aggregate) {
-                if (r.aggregate_name != "median") continue;
-                t = {r.GetAdjustedRealTime(), r.GetAdjustedCPUTime(), true};
-            } else if (!t.median) {
-                t = {r.GetAdjustedRealTime(), r.GetAdjustedCPUTime(), false};
-            }
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-    void Finalize() override {
-        ConsoleReporter::Finalize();
-        static const char* const kPairs[][2] = {
-            {"BM_KsoMutex", "BM_PthreadRecursiveMutex"},
-            {"BM_KsoSpinLock", "BM_PthreadMutex"},
-            {"BM_KsoEventPingPong/real_time", "BM_PthreadCondPingPong/real_time"},
-            {"BM_KsoEventPingPong/real_time", "BM_GlibCondPingPong/real_time"},
-            {"BM_KsoEventPingPong/real_time", "BM_AprCondPingPong/real_time"},
-            {"BM_KsoWaitAnyFour", "BM_PthreadWaitAnyFour"},
-            {"BM_KsoWaitAnyFourAcrossThreads/real_time",
-             "BM_PthreadWaitAnyFourAcrossThreads/real_time"},
-            {"BM_KsoThreadCreateWaitDestroy/real_time", "BM_PthreadCreateJoin/real_time"},
-        };
-        std::printf("\nratios kspl / reference:%50s %6s\n", "real", "cpu");
-        for (const auto& pair : kPairs) {
-            auto a = times_.find(pair[0]);
-            auto b = times_.find(pair[1]);
-            if (a == times_.end() || b == times_.end() || b->second.real <= 0 ||
-                b->second.cpu <= 0) {
-                continue;
-            }
-            std::string label = std::string(pair[0]) + " / " + pair[1];
-            std::printf("  %-70s %5.2fx %5.2fx\n", label.c_str(), a->second.real / b->second.real,
-                        a->second.cpu / b->second.cpu);
-        }
-    }
-
-private:
-    struct Times {
-        double real = 0, cpu = 0;
-        bool median = false;
-    };
-    std::map<std::string, Times> times_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
+    return BenchMain(argc, argv, "ratios kspl / reference:",
+                     {{"BM_KsoMutex", "BM_PthreadRecursiveMutex"},
+                      {"BM_KsoSpinLock", "BM_PthreadMutex"},
+                      {"BM_KsoEventPingPong", "BM_PthreadCondPingPong"},
+                      {"BM_KsoEventPingPong", "BM_GlibCondPingPong"},
+                      {"BM_KsoEventPingPong", "BM_AprCondPingPong"},
+                      {"BM_KsoWaitAnyFour", "BM_PthreadWaitAnyFour"},
+                      {"BM_KsoWaitAnyFourAcrossThreads", "BM_PthreadWaitAnyFourAcrossThreads"},
+                      {"BM_KsoThreadCreateWaitDestroy", "BM_PthreadCreateJoin"}});
 }

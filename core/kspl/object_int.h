@@ -297,6 +297,17 @@ KSSTATUS ObjectOpen(void* pThis, PVOID pInitData, PKSO_OBJECT_INIT_ROUTINE pInit
 KSSTATUS ObjectGetStats(void* pThis, PUINT32 pObjectsAllocated, PUINT32 pObjectsInUse,
                         PUINT32 pObjectsPreallocated);
 
+// Reference by handle, find and dereference with every instance lock taken
+// exclusively (the store's former way for reference by handle and for every
+// dereference). Only the object benchmark calls them, to measure both ways
+// in one run; no interface table holds them.
+KSSTATUS ObjectReferenceByHandleExclusive(void* pThis, HANDLE handle, UINT32 accessType,
+                                          PVOID* ppUserData);
+KSSTATUS ObjectFindExclusive(void* pThis, PVOID pCompareData,
+                             PKSO_OBJECT_COMPARE_ROUTINE pCompareRoutine, UINT32 CompareIndex,
+                             UINT32 accessType, PVOID* ppUserData);
+KSSTATUS ObjectDereferenceExclusive(void* pThis, PVOID pUserData, UINT32 accessType);
+
 // --- deletion, freeing, teardown (objdel.cpp) ---------------------------
 
 KSSTATUS ObjectDelete(void* pThis, PVOID pUserData, UINT32 accessType);

@@ -75,6 +75,10 @@ void DropLookup(ObjectInfo* oi, Object* ob, BOOLEAN held, UINT32 accessType) {
     ObjectDereference(oi, ObUser(ob), held ? accessType : kOmAccessNone);
 }
 
+// kLookupLock: the mode the instance lock is taken in for the lookup; the
+// store itself always uses shared (the exclusive form exists for the
+// benchmark that measures what the shared lock gains).
+template <UINT32 kLookupLock>
 KSSTATUS ReferenceByHandleCore(ObjectInfo* oi, UINT32 handle, UINT32 accessType,
                                PVOID* ppUserData) {
     static constexpr char kFn[] = "ObjectReferenceByHandle";
@@ -85,7 +89,7 @@ KSSTATUS ReferenceByHandleCore(ObjectInfo* oi, UINT32 handle, UINT32 accessType,
     UINT32 indexByte = HandleIndexByte(handle);
     if (indexByte == 0 || indexByte > oi->objectsPerBlock) return KSPL_OM_STATUS_INVALID_HANDLE;
 
-    LockInstance(oi, kOmAccessShared);
+    LockInstance(oi, kLookupLock);
     BlockHeader* bh = BlockById(oi, HandleBlockId(handle));
     Object* ob = bh != nullptr ? ObSlot(oi, bh, indexByte - 1) : nullptr;
     // The full word must match (a freed slot has moved on to its next
@@ -103,6 +107,36 @@ KSSTATUS ReferenceByHandleCore(ObjectInfo* oi, UINT32 handle, UINT32 accessType,
         if ((ObFlags(ob) & (OBJECT_DELETED | OBJECT_DEALLOCATED)) != 0) {
             DropLookup(oi, ob, held, accessType);
             return KSPL_STATUS_AS(KSPL_OM_FACILITY, KSPL_OM_CODE_INVALID_HANDLE, kFn);
+        }
+    }
+    *ppUserData = ObUser(ob);
+    return 0;
+}
+
+// The key lookup of ObjectFind; kLookupLock as for ReferenceByHandleCore.
+template <UINT32 kLookupLock>
+KSSTATUS FindCore(ObjectInfo* oi, PVOID pCompareData, PKSO_OBJECT_COMPARE_ROUTINE pCompareRoutine,
+                  UINT32 CompareIndex, UINT32 accessType, PVOID* ppUserData) {
+    static constexpr char kFn[] = "ObjectFind";
+    if (!OiInitialized(oi) || ppUserData == nullptr || CompareIndex >= oi->hashSize) {
+        return KSPL_STATUS_AS(KSPL_OM_FACILITY, KSPL_OM_CODE_INVALID_PARAM, kFn);
+    }
+    *ppUserData = nullptr;
+    LockInstance(oi, kLookupLock);
+    Object* ob = LookupChain(oi, CompareIndex, pCompareData, pCompareRoutine);
+    if (ob == nullptr) {
+        UnlockInstance(oi);
+        return KSPL_OM_STATUS_NOT_FOUND;
+    }
+    AddReference(oi, ob);
+    UnlockInstance(oi);
+
+    if (accessType != kOmAccessNone) {
+        WaitObjectReady(oi, ob);
+        BOOLEAN held = LockObject(oi, ob, accessType);
+        if ((ObFlags(ob) & (OBJECT_DELETED | OBJECT_DEALLOCATED)) != 0) {
+            DropLookup(oi, ob, held, accessType);
+            return KSPL_STATUS_AS(KSPL_OM_FACILITY, KSPL_OM_CODE_NOT_FOUND, kFn);
         }
     }
     *ppUserData = ObUser(ob);
@@ -260,14 +294,22 @@ KSSTATUS ObjectCreateByHandle(void* pThis, HANDLE handle, PVOID pInitData,
 
 KSSTATUS ObjectReferenceByHandle(void* pThis, HANDLE handle, UINT32 accessType,
                                  PVOID* ppUserData) {
-    return ReferenceByHandleCore(OmInfo(pThis), HandleFromPtr(handle), accessType, ppUserData);
+    return ReferenceByHandleCore<kOmAccessShared>(OmInfo(pThis), HandleFromPtr(handle), accessType,
+                                                  ppUserData);
+}
+
+KSSTATUS ObjectReferenceByHandleExclusive(void* pThis, HANDLE handle, UINT32 accessType,
+                                          PVOID* ppUserData) {
+    return ReferenceByHandleCore<kOmAccessExclusive>(OmInfo(pThis), HandleFromPtr(handle),
+                                                     accessType, ppUserData);
 }
 
 KSSTATUS ObjectReferenceByHandle2(void* pThis, HANDLE handle, UINT32 accessType,
                                   PVOID* ppUserData) {
     ObjectInfo* oi = OmInfo(pThis);
     UINT32 mask = OiInitialized(oi) ? HandleMask(oi) : 0;
-    return ReferenceByHandleCore(oi, HandleFromPtr(handle) ^ mask, accessType, ppUserData);
+    return ReferenceByHandleCore<kOmAccessShared>(oi, HandleFromPtr(handle) ^ mask, accessType,
+                                                  ppUserData);
 }
 
 KSSTATUS ObjectGetHandle(void* pThis, PVOID pUserData, PHANDLE phandle) {
@@ -370,30 +412,15 @@ KSSTATUS ObjectEnumerate(void* pThis, PHANDLE pscanHandle, PVOID pCompareData,
 
 KSSTATUS ObjectFind(void* pThis, PVOID pCompareData, PKSO_OBJECT_COMPARE_ROUTINE pCompareRoutine,
                     UINT32 CompareIndex, UINT32 accessType, PVOID* ppUserData) {
-    ObjectInfo* oi = OmInfo(pThis);
-    if (!OiInitialized(oi) || ppUserData == nullptr || CompareIndex >= oi->hashSize) {
-        return KSPL_OM_STATUS(KSPL_OM_CODE_INVALID_PARAM);
-    }
-    *ppUserData = nullptr;
-    LockInstance(oi, kOmAccessShared);
-    Object* ob = LookupChain(oi, CompareIndex, pCompareData, pCompareRoutine);
-    if (ob == nullptr) {
-        UnlockInstance(oi);
-        return KSPL_OM_STATUS_NOT_FOUND;
-    }
-    AddReference(oi, ob);
-    UnlockInstance(oi);
+    return FindCore<kOmAccessShared>(OmInfo(pThis), pCompareData, pCompareRoutine, CompareIndex,
+                                     accessType, ppUserData);
+}
 
-    if (accessType != kOmAccessNone) {
-        WaitObjectReady(oi, ob);
-        BOOLEAN held = LockObject(oi, ob, accessType);
-        if ((ObFlags(ob) & (OBJECT_DELETED | OBJECT_DEALLOCATED)) != 0) {
-            DropLookup(oi, ob, held, accessType);
-            return KSPL_OM_STATUS(KSPL_OM_CODE_NOT_FOUND);
-        }
-    }
-    *ppUserData = ObUser(ob);
-    return 0;
+KSSTATUS ObjectFindExclusive(void* pThis, PVOID pCompareData,
+                             PKSO_OBJECT_COMPARE_ROUTINE pCompareRoutine, UINT32 CompareIndex,
+                             UINT32 accessType, PVOID* ppUserData) {
+    return FindCore<kOmAccessExclusive>(OmInfo(pThis), pCompareData, pCompareRoutine,
+                                        CompareIndex, accessType, ppUserData);
 }
 
 KSSTATUS ObjectOpen(void* pThis, PVOID pInitData, PKSO_OBJECT_INIT_ROUTINE pInitRoutine,
