@@ -23,6 +23,10 @@ inline std::u16string RecordUnits(const std::vector<UINT8>& r, size_t at, size_t
     std::memcpy(s.data(), r.data() + at, units * 2);
     return s;
 }
+// Reserved, Type, DataOffset, DataLength, NameLength.
+inline std::vector<UINT32> RecordHeader(const std::vector<UINT8>& r) {
+    return {RecordU32(r, 0), RecordU32(r, 4), RecordU32(r, 8), RecordU32(r, 12), RecordU32(r, 16)};
+}
 // The data area of a record that was written successfully.
 inline std::string RecordData(const std::vector<UINT8>& r) {
     return std::string(reinterpret_cast<const char*>(r.data()) + RecordU32(r, 8), RecordU32(r, 12));
