@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstring>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "kspl_test.h"
@@ -21,50 +22,40 @@ TEST_F(Statistics, SizeProtocolAndLayout) {
     char name[] = "xyz";
     ASSERT_EQ(v->KsoRegisterModuleName(k, name), 0u);
     IKspl* unnamed = KsplTestCreateInstance();
-    ASSERT_NE(unnamed, nullptr);
     void* paged = v->KsoAllocPagedMemory(k, 100);
-    void* nonpaged = v->KsoAllocNonPagedMemory(k, 30);
-    ASSERT_EQ(v->KsoFreeMemory(k, nonpaged), 0u);
-    UINT32 n;
-    {
-        KsMutexGuard guard(&InterfaceMutex);
-        n = InterfaceCount;
-    }
+    ASSERT_EQ(v->KsoFreeMemory(k, v->KsoAllocNonPagedMemory(k, 30)), 0u);
+    const UINT32 n = InterfaceCount;  // no other thread creates instances here
     const UINT32 required = 8 + 80 * n;
     const UINT32 suggested = 80 * n + 508;
     std::vector<unsigned char> buf(suggested, 0xEE);
-    // {size given, buffer given, status, size written back}
-    struct Row {
-        UINT32 size;
-        bool withBuffer;
-        KSSTATUS status;
-        UINT32 sizeAfter;
-    } rows[] = {
-        {0, false, KsplErr(7), suggested},           {suggested, true, 0, required},
-        {required, true, 0, required},               {required - 1, true, KsplErr(7), suggested},
-        {0, true, KsplErr(4), 0},                    {16, false, KsplErr(4), 16},
+    // {size given, buffer given, status, size written back}; the last
+    // successful call leaves its snapshot in the buffer.
+    const std::tuple<UINT32, bool, KSSTATUS, UINT32> rows[] = {
+        {0, false, KsplErr(7), suggested},       {required - 1, true, KsplErr(7), suggested},
+        {0, true, KsplErr(4), 0},                {16, false, KsplErr(4), 16},
+        {suggested, true, 0, required},          {required, true, 0, required},
     };
-    for (const Row& r : rows) {
-        SCOPED_TRACE(testing::Message() << "size " << r.size << " buffer " << r.withBuffer);
-        UINT32 size = r.size;
-        EXPECT_EQ(v->KsoGetGeneralKsplStatistics(k, &size, r.withBuffer ? buf.data() : nullptr),
-                  r.status);
-        EXPECT_EQ(size, r.sizeAfter);
+    for (const auto& [given, withBuffer, status, after] : rows) {
+        SCOPED_TRACE(testing::Message() << "size " << given << " buffer " << withBuffer);
+        UINT32 size = given;
+        EXPECT_EQ(v->KsoGetGeneralKsplStatistics(k, &size, withBuffer ? buf.data() : nullptr), status);
+        EXPECT_EQ(size, after);
     }
-    EXPECT_EQ(v->KsoGetGeneralKsplStatistics(k, nullptr, buf.data()), KsplErr(4));
-
     EXPECT_EQ(ReadU32(buf, 0), n);
     EXPECT_EQ(ReadU32(buf, 4), 80u);
-    EXPECT_EQ(std::memcmp(buf.data() + 8, KsplInfo(pIKspl)->ModuleName, 32), 0)
-        << "the global instance is first";
+    EXPECT_EQ(std::memcmp(buf.data() + 8, KsplInfo(pIKspl)->ModuleName, 32), 0) << "global first";
+    // Ours are the last two: the name zero-filled to 32 bytes, then the
+    // counters (non-paged total and in use, paged total and in use at 44..56);
+    // the unnamed, unused instance is all zeros.
     const size_t ours = 8 + 80 * (n - 2);
-    EXPECT_EQ(std::memcmp(buf.data() + ours, "xyz\0", 4), 0);
-    for (size_t i = 4; i < 32; ++i) EXPECT_EQ(buf[ours + i], 0) << i;
-    EXPECT_EQ(ReadU32(buf, ours + 44), 30u);   // non-paged total
-    EXPECT_EQ(ReadU32(buf, ours + 48), 0u);    // non-paged in use
-    EXPECT_EQ(ReadU32(buf, ours + 52), 100u);  // paged total
-    EXPECT_EQ(ReadU32(buf, ours + 56), 100u);  // paged in use
-    for (size_t i = 0; i < 80; ++i) EXPECT_EQ(buf[ours + 80 + i], 0) << "unnamed, unused";
+    EXPECT_EQ(std::vector<unsigned char>(buf.begin() + ours, buf.begin() + ours + 32),
+              std::vector<unsigned char>({'x', 'y', 'z', 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
+                                          0,   0,   0,   0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(std::vector<UINT32>({ReadU32(buf, ours + 44), ReadU32(buf, ours + 48),
+                                   ReadU32(buf, ours + 52), ReadU32(buf, ours + 56)}),
+              std::vector<UINT32>({30, 0, 100, 100}));
+    EXPECT_EQ(std::vector<unsigned char>(buf.begin() + ours + 80, buf.begin() + required),
+              std::vector<unsigned char>(80, 0));
     ASSERT_EQ(v->KsoFreeMemory(k, paged), 0u);
     EXPECT_EQ(unnamed->lpVtbl->Release(unnamed), 0u);
 }
