@@ -189,109 +189,90 @@ TEST_F(ConfigTest, SetStoresOemBytes) {
     Close(h);
 }
 
-TEST_F(ConfigTest, QueryValueRecord) {
-    HANDLE h = Create(u"Query");
+// Queries by name and enumerations by index over the same values. Header
+// layout, then {name (null: enumerate index), length, status, data}:
+// strings drop the stored NUL and end with one 0 unit when queried, with
+// two when enumerated (lists: two and four); "abc" needs 8 bytes after the
+// name when queried, and the enumeration keeps one unit of its room free;
+// 100 bytes of binary need 100; a short integer is refused, not padded; an
+// empty stored string is an empty result, a lone NUL is refused. List data
+// written by another program may lack its final NULs: the ten escapes of
+// "l" fill its whole data area, and the walk over the list must end at the
+// stored data, not read past the work buffer.
+TEST_F(ConfigTest, ValueRecords) {
+    HANDLE h = Create(u"V");
     UINT32 u32 = 0xCAFEF00D;
+    UINT64 u64 = 0x0102030405060708ull;
+    const char16_t list[] = u"a\0b\0";
+    std::vector<UINT8> blob(100, 0x5A);
+    ASSERT_EQ(Set(h, u"a", KSO_REG_SZ, u"abc", 8), 0u);
+    ASSERT_EQ(Set(h, u"b", KSO_REG_MULTI_SZ, list, sizeof list), 0u);
+    ASSERT_EQ(Set(h, u"c", KSO_REG_UINT64, &u64, 8), 0u);
+    ASSERT_EQ(Set(h, u"d", KSO_REG_BINARY, blob.data(), 100), 0u);
     ASSERT_EQ(Set(h, u"default", KSO_REG_UINT32, &u32, 4), 0u);
+    ASSERT_EQ(Set(h, u"e", KSO_REG_UINT32, nullptr, 0), 0u);
+    HANDLE raw = nullptr;
+    ASSERT_EQ(ZLRegOpenKeyExA(kMachine, "Software\\Zorvik\\V", 0, ZLREG_ACCESS_WRITE, &raw), 0u);
+    std::string escapes;
+    for (int i = 0; i < 10; ++i) escapes += "[0041]";
+    ASSERT_EQ(ZLRegSetValueExA(raw, "l", 0, ZLREG_MULTI_SZ, escapes.data(), 60), 0u);
+    ASSERT_EQ(ZLRegSetValueExA(raw, "m", 0, ZLREG_MULTI_SZ, "ab", 2), 0u);
+    ASSERT_EQ(ZLRegSetValueExA(raw, "nul", 0, ZLREG_SZ, "", 1), 0u);
+    ASSERT_EQ(ZLRegSetValueExA(raw, "none", 0, ZLREG_SZ, nullptr, 0), 0u);
+    ZLRegCloseKey(raw);
     rec.assign(64, kFill);
     ASSERT_EQ(v->KsoQueryValueKey(k, h, nullptr, rec.data(), 64, &result), 0u);
     EXPECT_EQ(RecordHeader(rec), (std::vector<UINT32>{0, KSO_REG_UINT32, 40, 4, 16}));
     EXPECT_EQ(RecordUnits(rec, 20, 8), std::u16string(u"default\0", 8));
     EXPECT_EQ(RecordU32(rec, 36), 0xABABABABu) << "the gap before the data is not written";
-    EXPECT_EQ(RecordU32(rec, 40), u32);
-    EXPECT_EQ(rec[44], kFill);
     EXPECT_EQ(result, 44u);
-    // Strings drop the stored NUL and end with one 0 unit; lists keep their
-    // inner terminators.
-    const char16_t list[] = u"a\0b\0";
-    ASSERT_EQ(Set(h, u"s", KSO_REG_SZ, u"abc", 8), 0u);
-    ASSERT_EQ(Set(h, u"m", KSO_REG_MULTI_SZ, list, sizeof list), 0u);
-    std::vector<UINT8> blob(100, 0x5A);
-    ASSERT_EQ(Set(h, u"b", KSO_REG_BINARY, blob.data(), 100), 0u);
-    HANDLE raw = nullptr;
-    ASSERT_EQ(ZLRegOpenKeyExA(kMachine, "Software\\Zorvik\\Query", 0, ZLREG_ACCESS_WRITE, &raw), 0u);
-    ASSERT_EQ(ZLRegSetValueExA(raw, "nul", 0, ZLREG_SZ, "", 1), 0u);
-    ASSERT_EQ(ZLRegSetValueExA(raw, "none", 0, ZLREG_SZ, nullptr, 0), 0u);
-    ZLRegCloseKey(raw);
-    // {name, length, status, data}: "abc" needs 8 bytes after the name
-    // (offset 28); 100 bytes of binary need 100 after it; an empty stored
-    // string is an empty result, a lone NUL is refused.
-    const std::string abc("a\0b\0c\0\0\0", 8);
-    const std::tuple<std::u16string, UINT32, KSSTATUS, std::string> rows[] = {
-        {u"s", 36, 0, abc},
-        {u"s", 35, KsplErr(7), ""},
-        {u"s", 29, KsplErr(7), ""},
-        {u"s", 23, KsplErr(7), ""},
-        {u"m", 64, 0, std::string("a\0\0\0b\0\0\0", 8)},
-        {u"b", 128, 0, std::string(blob.begin(), blob.end())},
-        {u"b", 127, KsplErr(7), ""},
-        {u"", 64, KsplErr(4), ""},
-        {u"none", 64, 0, ""},
-        {u"nul", 64, KsplErr(4), ""},
-        {u"nope", 64, Store(ZLREG_E_VALUE_NOT_FOUND), ""},
-    };
-    for (const auto& [name, length, status, data] : rows) {
-        SCOPED_TRACE(testing::Message() << std::string(name.begin(), name.end()) << " " << length);
-        ASSERT_EQ(Query(h, name, length), status);
-        if (status != 0) continue;
-        EXPECT_EQ(RecordData(rec), data);
-        EXPECT_EQ(result, data.empty() ? 0 : RecordU32(rec, 8) + data.size());
-    }
-    EXPECT_EQ(v->KsoQueryValueKey(k, h, nullptr, rec.data(), 64, nullptr), KsplErr(4));
-    Close(h);
-}
-
-// The enumeration's string results end with one 0 unit more than the
-// query's (two for lists), and list data written by another program may
-// lack its final NULs: ten escapes fill the whole data area of "l" (60
-// bytes, 10 units), and the walk over the list must end at the stored
-// data, not read past the work buffer.
-TEST_F(ConfigTest, EnumerateValueRecord) {
-    HANDLE h = Create(u"EnumV");
-    ASSERT_EQ(Set(h, u"a", KSO_REG_SZ, u"abc", 8), 0u);
-    const char16_t list[] = u"a\0b\0";
-    ASSERT_EQ(Set(h, u"b", KSO_REG_MULTI_SZ, list, sizeof list), 0u);
-    UINT64 u64 = 0x0102030405060708ull;
-    ASSERT_EQ(Set(h, u"c", KSO_REG_UINT64, &u64, 8), 0u);
-    UINT32 u32 = 7;
-    ASSERT_EQ(Set(h, u"default", KSO_REG_UINT32, &u32, 4), 0u);
-    ASSERT_EQ(Set(h, u"e", KSO_REG_UINT32, nullptr, 0), 0u);  // empty
-    HANDLE raw = nullptr;
-    ASSERT_EQ(ZLRegOpenKeyExA(kMachine, "Software\\Zorvik\\EnumV", 0, ZLREG_ACCESS_WRITE, &raw), 0u);
-    std::string escapes;
-    for (int i = 0; i < 10; ++i) escapes += "[0041]";
-    ASSERT_EQ(ZLRegSetValueExA(raw, "l", 0, ZLREG_MULTI_SZ, escapes.data(), 60), 0u);
-    ASSERT_EQ(ZLRegSetValueExA(raw, "m", 0, ZLREG_MULTI_SZ, "ab", 2), 0u);
-    EXPECT_EQ(ZLRegCloseKey(raw), 0u);
     ASSERT_EQ(EnumValue(h, 0, 64), 0u);
     EXPECT_EQ(RecordHeader(rec), (std::vector<UINT32>{0xABABABABu, KSO_REG_SZ, 28, 10, 4}))
         << "Reserved is not written";
-    EXPECT_EQ(result, 0x77777777u);
-    // {index, length, status, data}: the string keeps one unit of its room
-    // free (40 holds it, 39 not); the 64-bit value needs 8 bytes of room;
-    // "default" does not fit 5 units; a short integer is refused, not padded.
-    const std::tuple<UINT32, UINT32, KSSTATUS, std::string> rows[] = {
-        {0, 40, 0, std::string("a\0b\0c\0\0\0\0\0", 10)},
-        {0, 39, KsplErr(7), ""},
-        {1, 64, 0, std::string("a\0\0\0b\0\0\0\0\0\0\0", 12)},
-        {2, 36, 0, std::string(reinterpret_cast<char*>(&u64), 8)},
-        {2, 35, KsplErr(7), ""},
-        {3, 64, 0, std::string("\7\0\0\0", 4)},
-        {3, 36, KsplErr(7), ""},
-        {4, 64, KsplErr(7), ""},
-        {5, 60, 0, std::string("A\0A\0A\0A\0A\0A\0A\0A\0A\0A\0\0\0\0\0\0\0", 26)},
-        {6, 64, 0, std::string("a\0b\0\0\0\0\0\0\0", 10)},
-        {0, 23, KsplErr(4), ""},
-        {0, 24, KsplErr(7), ""},
-        {0, 26, KsplErr(7), ""},
-        {7, 64, ZLREG_STATUS_NO_MORE_ITEMS, ""},
+    const std::string abc("a\0b\0c\0\0\0", 8);
+    const std::string ab2("a\0\0\0b\0\0\0", 8);
+    const std::string tenA = [] {
+        std::string s;
+        for (int i = 0; i < 10; ++i) s += std::string("A\0", 2);
+        return s;
+    }();
+    const std::tuple<const char16_t*, UINT32, UINT32, KSSTATUS, std::string> rows[] = {
+        {u"a", 0, 36, 0, abc},
+        {u"a", 0, 35, KsplErr(7), ""},
+        {u"a", 0, 29, KsplErr(7), ""},
+        {u"a", 0, 23, KsplErr(7), ""},
+        {u"b", 0, 64, 0, ab2},
+        {u"d", 0, 128, 0, std::string(blob.begin(), blob.end())},
+        {u"d", 0, 127, KsplErr(7), ""},
+        {u"", 0, 64, KsplErr(4), ""},
+        {u"none", 0, 64, 0, ""},
+        {u"nul", 0, 64, KsplErr(4), ""},
+        {u"nope", 0, 64, Store(ZLREG_E_VALUE_NOT_FOUND), ""},
+        {nullptr, 0, 40, 0, abc + std::string(2, '\0')},
+        {nullptr, 0, 39, KsplErr(7), ""},
+        {nullptr, 0, 23, KsplErr(4), ""},
+        {nullptr, 0, 26, KsplErr(7), ""},
+        {nullptr, 1, 64, 0, ab2 + std::string(4, '\0')},
+        {nullptr, 2, 36, 0, std::string(reinterpret_cast<char*>(&u64), 8)},
+        {nullptr, 2, 35, KsplErr(7), ""},
+        {nullptr, 4, 36, KsplErr(7), ""},  // "default" does not fit 5 units
+        {nullptr, 4, 64, 0, std::string(reinterpret_cast<char*>(&u32), 4)},
+        {nullptr, 5, 64, KsplErr(7), ""},
+        {nullptr, 6, 60, 0, tenA + std::string(6, '\0')},
+        {nullptr, 7, 64, 0, std::string("a\0b\0", 4) + std::string(6, '\0')},
+        {nullptr, 10, 64, ZLREG_STATUS_NO_MORE_ITEMS, ""},
     };
-    for (const auto& [index, length, status, data] : rows) {
-        SCOPED_TRACE(testing::Message() << "index " << index << " length " << length);
-        ASSERT_EQ(EnumValue(h, index, length), status);
-        EXPECT_EQ(status == 0 ? RecordData(rec) : "", data);
+    for (const auto& [name, index, length, status, data] : rows) {
+        SCOPED_TRACE(testing::Message() << (name ? "query " : "index ") << index << " length " << length);
+        result = 0x77777777;
+        ASSERT_EQ(name ? Query(h, name, length) : EnumValue(h, index, length), status);
+        if (status != 0) continue;
+        EXPECT_EQ(RecordData(rec), data);
+        // An enumeration never writes the result length.
+        EXPECT_EQ(result, !name ? 0x77777777u : data.empty() ? 0 : RecordU32(rec, 8) + data.size());
     }
     EXPECT_EQ(rec, std::vector<UINT8>(64, kFill)) << "the end leaves the record untouched";
+    EXPECT_EQ(v->KsoQueryValueKey(k, h, nullptr, rec.data(), 64, nullptr), KsplErr(4));
     EXPECT_EQ(v->KsoEnumerateValueKey(k, nullptr, 0, rec.data(), 64, &result), KsplErr(3));
     Close(h);
 }
