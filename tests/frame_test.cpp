@@ -1,5 +1,5 @@
-// Module start and stop, lazy initialisation, class objects, instances and
-// the class factory.
+// Module start and stop: lazy initialisation once, its retry after a
+// failure, unknown classes, and stopping.
 #include <atomic>
 #include <thread>
 #include <vector>
@@ -80,51 +80,6 @@ TEST(ModuleStart, UnknownClassLeavesTheOutPointerAloneEvenOnTheFirstRequest) {
     void* out = &unknown;
     EXPECT_EQ(DllGetClassObject(&unknown, &iid, &out), KSPL_HRESULT_NOINTERFACE);
     EXPECT_EQ(out, &unknown);
-}
-
-// Factory refusals are built statuses and leave the out pointer as the
-// rules say; anything but exactly 1 unlocks the server.
-TEST(ClassFactory, StatusesAndLocks) {
-    StatusCapture statuses;
-    ORLM_IClassFactory* factory = GetFactory();
-    ASSERT_NE(factory, nullptr);
-    const ORLM_IClassFactoryVtbl* f = factory->lpVtbl;
-    void* out = &statuses;
-    EXPECT_EQ(f->QueryInterface(factory, &IID_IZorvikKspl_1, &out), KsplErr(2));
-    EXPECT_EQ(out, nullptr);
-    ORLM_IUnknown outer{};
-    out = &statuses;
-    EXPECT_EQ(f->CreateInstance(factory, &outer, &IID_IZorvikKspl_1, &out), KsplErr(4));
-    EXPECT_EQ(out, &statuses) << "argument faults change nothing";
-    EXPECT_TRUE(statuses.WasBuilt(KsplErr(2), "KsplFactoryQueryInterface"));
-    EXPECT_TRUE(statuses.WasBuilt(KsplErr(4), "KsplFactoryCreateInstance"));
-    UINT32 locks = IKsplClassFactory.cLock;
-    EXPECT_EQ(f->LockServer(factory, 1) | f->LockServer(factory, 2), 0u);
-    EXPECT_EQ(IKsplClassFactory.cLock, locks);
-    f->Release(factory);
-}
-
-TEST(Instances, ConcurrentCreateAndReleaseKeepTheRegistryConsistent) {
-    ORLM_IClassFactory* factory = GetFactory();  // initialises the module
-    ASSERT_NE(factory, nullptr);
-    factory->lpVtbl->Release(factory);
-    const UINT32 before = InterfaceCount;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([] {
-            for (int i = 0; i < 300; ++i) {
-                IKspl* k = KsplTestCreateInstance();
-                ASSERT_NE(k, nullptr);
-                ASSERT_EQ(k->lpVtbl->Release(k), 0u);
-            }
-        });
-    }
-    for (auto& t : threads) t.join();
-    UINT32 walked = 0;
-    for (PLIST_ENTRY l = InterfaceList.Flink; l != &InterfaceList; l = l->Flink, ++walked)
-        ASSERT_EQ(l->Flink->Blink, l);
-    EXPECT_EQ(walked, before);
-    EXPECT_EQ(InterfaceCount, before);
 }
 
 // Last: stopping returns once the library's threads have ended.
