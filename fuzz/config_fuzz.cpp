@@ -153,10 +153,10 @@ struct Harness {
             CheckRecord(c, nullptr, &s);
             const std::string& d = s.data;
             const bool sz = s.type == KSO_REG_SZ && d.find('\0') == d.size() - 1;
-            const bool list = s.type == KSO_REG_MULTI_SZ && d.size() >= 2 && d[0] != '\0' &&
+            const bool list = s.type == KSO_REG_MULTI_SZ && d[0] != '\0' &&
                               d.find(std::string("\0\0", 2)) == d.size() - 2;
             std::vector<UINT8> q;
-            if ((!sz && !list) || d.find('[') != std::string::npos) return;
+            if (d.size() < 2 || (!sz && !list) || d.find('[') != std::string::npos) return;
             FUZZ_CHECK(Call(&s.wide, 0, length + 16, &q) == 0, "query of an enumerated string");
             FUZZ_CHECK(RecordData(c) == RecordData(q) + std::string(sz ? 2 : 4, '\0'), "agreement");
         }
@@ -177,7 +177,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     g_pOemCodePage = pages[in.Pick(3)];
     g_oemCodePageSupportsEuro = CheckCodePageEuroSupport(g_pOemCodePage);
     FUZZ_CHECK(ZLRegBeginTransaction(TRUE) == 0, "begin");
-    Harness h{k, in};
+    Harness h{k, in, nullptr, nullptr, {}};
     FUZZ_CHECK(k->lpVtbl->KsoCreateKey(k, Harness::W(u"Fuzz"), KSO_KEY_ALL_ACCESS, &h.key) == 0);
     FUZZ_CHECK(ZLRegCreateKeyExA(ZLREG_HKEY_LOCAL_MACHINE, "Software\\Zorvik\\Fuzz", 0, nullptr, 0, 0,
                                  nullptr, &h.raw, nullptr) == 0);
