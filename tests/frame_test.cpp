@@ -1,5 +1,5 @@
 // Module start and stop: lazy initialisation once, its retry after a
-// failure, unknown classes, and stopping.
+// failure, and stopping.
 #include <atomic>
 #include <thread>
 #include <vector>
@@ -72,14 +72,6 @@ TEST(ModuleStart, FailedInitialisationIsRetriedByTheNextRequest) {
     factory->lpVtbl->Release(factory);
     EXPECT_EQ(g_ksplInitHooks.runs.load(), 5);
     EXPECT_EQ(InterfaceCount, 1u);
-}
-
-TEST(ModuleStart, UnknownClassLeavesTheOutPointerAloneEvenOnTheFirstRequest) {
-    GUID unknown = {0x12345678, 0x1234, 0x1234, {1, 2, 3, 4, 5, 6, 7, 8}};
-    GUID iid = IID_IClassFactory;
-    void* out = &unknown;
-    EXPECT_EQ(DllGetClassObject(&unknown, &iid, &out), KSPL_HRESULT_NOINTERFACE);
-    EXPECT_EQ(out, &unknown);
 }
 
 // Last: stopping returns once the library's threads have ended.
