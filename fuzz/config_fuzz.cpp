@@ -125,9 +125,7 @@ struct Harness {
     }
 
     // The end leaves the record untouched; a record with room for nothing
-    // is refused before the store is asked. The query of a well-formed
-    // string (one NUL at its end, or non-empty strings ended by an empty
-    // one) ends with one 0 unit less than the enumeration (two for a list).
+    // is refused before the store is asked.
     void EnumerateOne() {
         const UINT32 count = static_cast<UINT32>(model.size());
         const UINT32 index = in.Pick(count + 2);
@@ -140,16 +138,7 @@ struct Harness {
             FUZZ_CHECK(st == ZLREG_STATUS_NO_MORE_ITEMS, "end of the values");
             FUZZ_CHECK(c == std::vector<UINT8>(length, 0xEE), "record untouched at the end");
         } else if (st == 0) {
-            const Stored& s = std::next(model.begin(), index)->second;
-            CheckRecord(c, nullptr, &s);
-            const std::string& d = s.data;
-            const bool sz = s.type == KSO_REG_SZ && d.find('\0') == d.size() - 1;
-            const bool list = s.type == KSO_REG_MULTI_SZ && d[0] != '\0' &&
-                              d.find(std::string("\0\0", 2)) == d.size() - 2;
-            std::vector<UINT8> q;
-            if (d.size() < 2 || (!sz && !list) || d.find('[') != std::string::npos) return;
-            FUZZ_CHECK(Call(&s.wide, 0, length + 16, &q) == 0, "query of an enumerated string");
-            FUZZ_CHECK(RecordData(c) == RecordData(q) + std::string(sz ? 2 : 4, '\0'), "agreement");
+            CheckRecord(c, nullptr, &std::next(model.begin(), index)->second);
         }
     }
 };

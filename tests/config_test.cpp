@@ -111,36 +111,34 @@ TEST_F(ConfigTest, KeysOpenCreateCloseAndDelete) {
     Close(parent);
 }
 
-// {key, index, length, status}: 19 is invalid, 20 too small before the
-// store is asked (a deleted key would answer otherwise), 21 after it;
-// "VeryLongName" does not fit 30 (capacity and name cut to it are written);
-// the end writes nothing; "Sub" with its 0 unit fits 27 exactly.
+// {key, index, length, status, name length and name}: 19 is invalid, 20
+// too small before the store is asked (a deleted key would answer
+// otherwise), 21 after it; the end writes nothing; "VeryLongName" does not
+// fit 30 (the capacity and the name cut to it are written); "Sub" with its
+// 0 unit fits 27 exactly.
 TEST_F(ConfigTest, EnumerateKeyRecord) {
     HANDLE parent = Create(u"Enum");
     Close(Create(u"Enum\\Sub"));
     Close(Create(u"Enum\\VeryLongName"));
     HANDLE gone = Create(u"Enum\\Gone");
     ASSERT_EQ(v->KsoDeleteKey(k, gone), 0u);
-    const std::tuple<HANDLE, UINT32, UINT32, KSSTATUS> rows[] = {
-        {gone, 0, 19, KsplErr(4)},
-        {gone, 0, 20, KsplErr(7)},
-        {gone, 0, 21, Store(ZLREG_E_KEY_DELETED)},
-        {nullptr, 0, 64, KsplErr(3)},
-        {parent, 1, 30, KsplErr(7)},
-        {parent, 2, 64, ZLREG_STATUS_NO_MORE_ITEMS},
-        {parent, 0, 27, 0},
+    const std::u16string untouched(u"\xABAB\xABAB");
+    const std::tuple<HANDLE, UINT32, UINT32, KSSTATUS, std::u16string> rows[] = {
+        {gone, 0, 19, KsplErr(4), untouched},
+        {gone, 0, 20, KsplErr(7), untouched},
+        {gone, 0, 21, Store(ZLREG_E_KEY_DELETED), untouched},
+        {parent, 2, 64, ZLREG_STATUS_NO_MORE_ITEMS, untouched},
+        {parent, 1, 30, KsplErr(7), std::u16string(u"\4\0Very", 6)},
+        {parent, 0, 27, 0, std::u16string(u"\10\0Sub\0", 6)},
     };
-    for (const auto& [key, index, length, status] : rows) {
+    for (const auto& [key, index, length, status, nameField] : rows) {
         SCOPED_TRACE(testing::Message() << "index " << index << " length " << length);
         rec.assign(length, kFill);
         EXPECT_EQ(v->KsoEnumerateKey(k, key, index, rec.data(), length, &result), status);
-        if (length == 30) {
-            EXPECT_EQ(std::string(rec.begin() + 12, rec.begin() + 24), Units(std::u16string(u"\4\0Very", 6)));
-        }
+        EXPECT_EQ(RecordUnits(rec, 12, nameField.size()), nameField);
     }
     EXPECT_NE(RecordU32(rec, 0) | RecordU32(rec, 4), 0u) << "the last write time";
     EXPECT_EQ(RecordU32(rec, 8), 0xABABABABu) << "Reserved keeps the caller's bytes";
-    EXPECT_EQ(std::string(rec.begin() + 12, rec.begin() + 24), Units(std::u16string(u"\10\0Sub\0", 6)));
     EXPECT_EQ(result, 0x77777777u) << "the result length is never written";
     Close(gone);
     Close(parent);

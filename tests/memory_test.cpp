@@ -1,9 +1,8 @@
-// Tracked memory: accounting per pool, the guard checks of the release and
-// their messages, and concurrent use of one instance.
+// Tracked memory: accounting per pool, and the guard checks of the release
+// and their messages.
 #include <syslog.h>
 
 #include <cstring>
-#include <thread>
 #include <vector>
 
 #include "kspl_test.h"
@@ -61,29 +60,6 @@ TEST_F(TrackedMemory, ReleaseFailuresLeaveTheBlockAlone) {
                              "Called with invalid memory pointer\n", "Called with invalid memory pointer\n"})
         expected.emplace_back(LOG_USER | LOG_DEBUG, prefix + text);
     EXPECT_EQ(log.Messages(), expected);
-}
-
-TEST_F(TrackedMemory, ConcurrentAllocationAndReleaseOnOneInstance) {
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([this, t] {
-            std::vector<void*> live(8, nullptr);
-            for (int i = 0; i < 2000; ++i) {
-                void*& slot = live[i % 8];
-                const UINT32 size = 1 + i % 64;
-                ASSERT_EQ(slot == nullptr ? 0u : v->KsoFreeMemory(k, slot), 0u);
-                slot = (i & 1) ? v->KsoAllocPagedMemory(k, size) : v->KsoAllocNonPagedMemory(k, size);
-                ASSERT_NE(slot, nullptr);
-                std::memset(slot, t, size);
-            }
-            for (void* p : live) ASSERT_EQ(v->KsoFreeMemory(k, p), 0u);
-        });
-    }
-    for (auto& th : threads) th.join();
-    // Each thread allocates 1..64 bytes in turn: 31 rounds of 2080 bytes,
-    // then 1..16 (136 bytes).
-    KsplObjInfo* info = KsplInfo(k);
-    EXPECT_EQ(info->MemoryPagedTotalAllocated + info->MemoryNonPagedTotalAllocated, 4u * 64616u);
 }
 
 }  // namespace
