@@ -40,7 +40,9 @@ struct Harness {
         for (char16_t& u : w) u = kAlphabet[in.Pick(sizeof kAlphabet / 2 - 1)];
         return w;
     }
-    static WCHAR* W(const std::u16string& s) { return reinterpret_cast<WCHAR*>(const_cast<char16_t*>(s.c_str())); }
+    static WCHAR* W(const std::u16string& s) {
+        return reinterpret_cast<WCHAR*>(const_cast<char16_t*>(s.c_str()));
+    }
 
     void Store() {
         std::u16string name = Text(6);
@@ -51,7 +53,8 @@ struct Harness {
         const UINT32 type = in.Pick(5);
         std::string data = in.Bytes(48);
         if (in.Bool()) {
-            FUZZ_CHECK(ZLRegSetValueExA(raw, narrow, 0, type, data.data(), static_cast<UINT32>(data.size())) == 0);
+            const UINT32 size = static_cast<UINT32>(data.size());
+            FUZZ_CHECK(ZLRegSetValueExA(raw, narrow, 0, type, data.data(), size) == 0);
         } else {
             // An empty wide name stands for "default"; strings end at their
             // first 0 unit whatever the length says.
@@ -84,8 +87,10 @@ struct Harness {
         std::unique_ptr<UINT8[]> buf(new UINT8[length + 1]);
         std::memset(buf.get(), 0xEE, length);
         UINT32 result = 0;
-        KSSTATUS st = name != nullptr ? k->lpVtbl->KsoQueryValueKey(k, key, W(*name), buf.get(), length, &result)
-                                      : k->lpVtbl->KsoEnumerateValueKey(k, key, index, buf.get(), length, &result);
+        const IKsplVtbl* v = k->lpVtbl;
+        UINT8* out = buf.get();
+        KSSTATUS st = name != nullptr ? v->KsoQueryValueKey(k, key, W(*name), out, length, &result)
+                                      : v->KsoEnumerateValueKey(k, key, index, out, length, &result);
         record->assign(buf.get(), buf.get() + length);
         return st;
     }
@@ -95,7 +100,7 @@ struct Harness {
         const UINT32 nameBytes = RecordU32(r, 16);
         const UINT32 off = RecordU32(r, 8);
         const UINT32 vlen = RecordU32(r, 12);
-        FUZZ_CHECK(nameBytes >= 2 && nameBytes % 2 == 0 && off == kRecordHeader + nameBytes, "data offset");
+        FUZZ_CHECK(nameBytes >= 2 && nameBytes % 2 == 0 && off == kRecordHeader + nameBytes, "offset");
         if (vlen != 0) FUZZ_CHECK(static_cast<uint64_t>(off) + vlen <= r.size(), "data inside");
         const std::u16string recName = RecordUnits(r, kRecordNameAt, nameBytes / 2);
         FUZZ_CHECK(recName.back() == 0 && (name == nullptr || recName == *name + u'\0'), "name");
@@ -104,10 +109,11 @@ struct Harness {
         const std::string data = RecordData(r);
         const bool integer = type == KSO_REG_UINT32 || type == KSO_REG_UINT64;
         FUZZ_CHECK(type == s->type, "type as stored");
-        if (type == KSO_REG_BINARY || (integer && name != nullptr)) FUZZ_CHECK(data == s->data, "bytes");
-        if (integer && name == nullptr) FUZZ_CHECK(data == s->data.substr(0, type == KSO_REG_UINT32 ? 4 : 8));
+        const size_t width = type == KSO_REG_UINT32 ? 4 : 8;
+        const size_t cut = integer && name == nullptr ? width : std::string::npos;
+        if (type == KSO_REG_BINARY || integer) FUZZ_CHECK(data == s->data.substr(0, cut), "bytes");
         if (!integer && type != KSO_REG_BINARY && vlen != 0)
-            FUZZ_CHECK(vlen >= 2 && vlen % 2 == 0 && data[vlen - 1] == 0 && data[vlen - 2] == 0, "0 unit");
+            FUZZ_CHECK(vlen >= 2 && vlen % 2 == 0 && data[vlen - 1] == 0 && data[vlen - 2] == 0);
     }
 
     // A stored name (maybe in another case) or any name.

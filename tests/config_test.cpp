@@ -221,11 +221,12 @@ TEST_F(ConfigTest, ValueRecords) {
         {nullptr, 10, 64, ZLREG_STATUS_NO_MORE_ITEMS, ""},
     };
     for (const auto& [name, index, length, status, data] : rows) {
-        SCOPED_TRACE(testing::Message() << (name ? "query " : "index ") << index << " length " << length);
+        SCOPED_TRACE(testing::Message() << (name ? "query " : "index ") << index << " " << length);
         result = 0x77777777;
         ASSERT_EQ(name ? Query(h, name, length) : EnumValue(h, index, length), status);
         EXPECT_EQ(status == 0 ? RecordData(rec) : "", data);
-        EXPECT_EQ(result, !name || status ? 0x77777777u : data.empty() ? 0 : RecordU32(rec, 8) + data.size());
+        const UINT32 queried = data.empty() ? 0 : RecordU32(rec, 8) + data.size();
+        EXPECT_EQ(result, !name || status ? 0x77777777u : queried);
     }
     EXPECT_EQ(rec, std::vector<UINT8>(64, kFill));
     EXPECT_EQ(v->KsoQueryValueKey(k, h, nullptr, rec.data(), 64, nullptr), KsplErr(4));

@@ -56,8 +56,9 @@ TEST_F(TrackedMemory, ReleaseFailuresLeaveTheBlockAlone) {
     EXPECT_EQ(v->KsoFreeMemory(k, released.data() + kMemHeaderSize), KsplErr(0x1001));
     const std::string prefix = "KSPL -KsoFreeMemory- ";
     std::vector<std::pair<int, std::string>> expected;
-    for (const char* text : {"Buffer memory has been overrun\n", "Releasing unowned buffer\n",
-                             "Called with invalid memory pointer\n", "Called with invalid memory pointer\n"})
+    const char* invalid = "Called with invalid memory pointer\n";
+    for (const char* text :
+         {"Buffer memory has been overrun\n", "Releasing unowned buffer\n", invalid, invalid})
         expected.emplace_back(LOG_USER | LOG_DEBUG, prefix + text);
     EXPECT_EQ(log.Messages(), expected);
 }

@@ -31,16 +31,20 @@ const GUID kClassA = {0xA0000001, 1, 1, {1, 1, 1, 1, 1, 1, 1, 1}};
 const GUID kClassB = {0xB0000001, 1, 1, {1, 1, 1, 1, 1, 1, 1, 1}};
 const GUID kIid = {0xABCDEF01, 0x0001, 0x0002, {1, 2, 3, 4, 5, 6, 7, 8}};
 
+KSSTATUS CreateAndRelease(const GUID* cls, const GUID* iid = &kIid) {
+    ORLM_IUnknown* obj = reinterpret_cast<ORLM_IUnknown*>(1);
+    KSSTATUS st = OrlmCreateInstance(cls, nullptr, iid, reinterpret_cast<void**>(&obj));
+    EXPECT_EQ(obj == nullptr, st != 0) << "a failed creation clears the out pointer";
+    if (obj != nullptr) obj->lpVtbl->Release(obj);
+    return st;
+}
+
 // Read at the first creation of the process (so first in a shared run):
 // empty and failing entries of the list are skipped, the rest is loaded.
 TEST(Runtime, EnvironmentListIsLoadedOnFirstUse) {
     std::string list = std::string(COMPONENT_A) + "::/nonexistent/x.so:" + COMPONENT_B;
     setenv("ORLM_COMPONENTS", list.c_str(), 1);
-    for (const GUID* cls : {&kClassA, &kClassB}) {
-        ORLM_IUnknown* obj = nullptr;
-        ASSERT_EQ(OrlmCreateInstance(cls, nullptr, &kIid, reinterpret_cast<void**>(&obj)), 0u);
-        obj->lpVtbl->Release(obj);
-    }
+    EXPECT_EQ(CreateAndRelease(&kClassA) | CreateAndRelease(&kClassB), 0u);
     OrlmUnloadAll();
     unsetenv("ORLM_COMPONENTS");
 }
@@ -66,19 +70,16 @@ TEST(Runtime, LoadsStartsCreatesAndUnloadsInReverseOrder) {
     EXPECT_EQ(OrlmLoadComponent(COMPONENT_NOSTOP), OrlmErr(ORLM_E_NO_ENTRY));
     EXPECT_EQ(OrlmLoadComponent(""), OrlmErr(ORLM_E_INVALIDARG));
     EXPECT_EQ(statuses.Built().size(), 3u);
-    for (const char* path : {COMPONENT_A, COMPONENT_B, COMPONENT_A}) EXPECT_EQ(OrlmLoadComponent(path), 0u);
-    ORLM_IUnknown* obj = nullptr;
-    ASSERT_EQ(OrlmCreateInstance(&kClassB, nullptr, &kIid, reinterpret_cast<void**>(&obj)), 0u);
-    EXPECT_EQ(obj->lpVtbl->Release(obj), 0u);
+    for (const char* path : {COMPONENT_A, COMPONENT_B, COMPONENT_A})
+        EXPECT_EQ(OrlmLoadComponent(path), 0u);
+    EXPECT_EQ(CreateAndRelease(&kClassB), 0u);
     GUID otherIid = kIid;
     otherIid.Data1 ^= 1;
-    void* out = reinterpret_cast<void*>(1);
-    EXPECT_EQ(OrlmCreateInstance(&kClassA, nullptr, &otherIid, &out), 0xC7F00002u);
-    EXPECT_EQ(out, nullptr);
+    EXPECT_EQ(CreateAndRelease(&kClassA, &otherIid), 0xC7F00002u);
     OrlmUnloadAll();
     std::vector<std::string> expected = {"a:start", "b:start", "b:create", "b:stop", "a:stop"};
     EXPECT_EQ(TakeEvents(), expected);
-    EXPECT_EQ(OrlmCreateInstance(&kClassA, nullptr, &kIid, &out), OrlmErr(ORLM_E_NOT_FOUND));
+    EXPECT_EQ(CreateAndRelease(&kClassA), OrlmErr(ORLM_E_NOT_FOUND));
     EXPECT_TRUE(statuses.WasBuilt(OrlmErr(ORLM_E_NOT_FOUND), "OrlmCreateInstance"));
 }
 
@@ -90,10 +91,7 @@ TEST(Runtime, ConcurrentLoadsAndCreationsStartEachComponentOnce) {
             for (int i = 0; i < 50; ++i) {
                 EXPECT_EQ(OrlmLoadComponent((t + i) % 2 ? COMPONENT_A : COMPONENT_B), 0u);
                 EXPECT_EQ(OrlmLoadComponent((t + i) % 2 ? COMPONENT_B : COMPONENT_A), 0u);
-                ORLM_IUnknown* obj = nullptr;
-                void** out = reinterpret_cast<void**>(&obj);
-                ASSERT_EQ(OrlmCreateInstance(i % 2 ? &kClassA : &kClassB, nullptr, &kIid, out), 0u);
-                obj->lpVtbl->Release(obj);
+                EXPECT_EQ(CreateAndRelease(i % 2 ? &kClassA : &kClassB), 0u);
             }
         });
     }

@@ -74,12 +74,14 @@ TEST_F(ZlregTest, PathsNamesAndEnumeration) {
         StatusCapture cap;
         KSSTATUS st = ZLRegEnumKeyExA(h, i, name, &len, nullptr, nullptr, nullptr, nullptr);
         EXPECT_EQ(st, i < order.size() ? 0u : ZLREG_STATUS_NO_MORE_ITEMS);
-        EXPECT_EQ(st != 0 ? "" : std::string(name, static_cast<size_t>(len)), i < order.size() ? order[i] : "");
+        EXPECT_EQ(st != 0 ? "" : std::string(name, static_cast<size_t>(len)),
+                  i < order.size() ? order[i] : "");
         EXPECT_TRUE(cap.Built().empty());
     }
     std::memset(name, '#', sizeof name);
     INT32 len = 2;
-    EXPECT_EQ(ZLRegEnumKeyExA(h, 3, name, &len, nullptr, nullptr, nullptr, nullptr), Z(ZLREG_E_BUFFER_SMALL));
+    EXPECT_EQ(ZLRegEnumKeyExA(h, 3, name, &len, nullptr, nullptr, nullptr, nullptr),
+              Z(ZLREG_E_BUFFER_SMALL));
     EXPECT_EQ(len, 3);
     EXPECT_EQ(name[0], '#');
     EXPECT_EQ(ZLRegCloseKey(h), 0u);
@@ -160,7 +162,7 @@ TEST_F(ZlregTest, UnusableDatabasePathsAreRefused) {
         EXPECT_TRUE(cap.WasBuilt(status, "ZLRegCreateKeyExA"));
         EXPECT_TRUE(ZLREG_IS_STORE_FAILURE(status));
     }
-    EXPECT_NE(access((dir_ + "/target.db").c_str(), F_OK), 0) << "the foreign link's target was created";
+    EXPECT_NE(access((dir_ + "/target.db").c_str(), F_OK), 0) << "the foreign link's target exists";
 }
 
 }  // namespace

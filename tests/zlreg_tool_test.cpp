@@ -85,8 +85,11 @@ TEST_F(ToolTest, ExportImportReproducesTheStore) {
     HANDLE h = nullptr;
     for (const auto& [key, name, type, data] : rows) {
         const std::string path = key == "Other" ? "Software\\Other" : "Software\\Zorvik\\" + key;
-        ASSERT_EQ(ZLRegCreateKeyExA(ZLREG_HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, 0, 0, nullptr, &h, nullptr), 0u);
-        ASSERT_EQ(ZLRegSetValueExA(h, name.c_str(), 0, type, data.data(), static_cast<UINT32>(data.size())), 0u);
+        ASSERT_EQ(ZLRegCreateKeyExA(ZLREG_HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, 0, 0, nullptr,
+                                    &h, nullptr),
+                  0u);
+        const UINT32 size = static_cast<UINT32>(data.size());
+        ASSERT_EQ(ZLRegSetValueExA(h, name.c_str(), 0, type, data.data(), size), 0u);
         ZLRegCloseKey(h);
     }
     const std::string first = dir_ + "/first.reg";
@@ -135,13 +138,15 @@ TEST_F(ToolTest, ImportIsAllOrNothingAndNamesTheBadLine) {
         const std::string path = File("bad.reg", body);
         EXPECT_EQ(Tool({"import", path}), 2);
         EXPECT_EQ(std::count(err_.begin(), err_.end(), '\n'), 1) << err_;
-        const std::string where = line < 0 ? "" : line == 0 ? path : path + ":" + std::to_string(line) + ":";
+        const std::string at = path + ":" + std::to_string(line) + ":";
+        const std::string where = line < 0 ? "" : line == 0 ? path : at;
         EXPECT_NE(err_.find(where), std::string::npos) << err_;
     }
     HANDLE key = nullptr;
     EXPECT_EQ(ZLRegOpenKeyExA(ZLREG_HKEY_LOCAL_MACHINE, "Software", 0, 0, &key),
               ZLREG_STATUS(ZLREG_E_KEY_NOT_FOUND));
-    const std::string ok = File("ok.reg", "; note\r\nZLREG Export 1\r\n\r\n[S]\r\n\"v\"=hex:01,\\\r\n  02\r\n");
+    const std::string ok =
+        File("ok.reg", "; note\r\nZLREG Export 1\r\n\r\n[S]\r\n\"v\"=hex:01,\\\r\n  02\r\n");
     EXPECT_EQ(Tool({"import", ok}), 0) << err_;
 }
 
