@@ -6,7 +6,6 @@
 // stops the parse is obeyed at once.
 #include <algorithm>
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "fuzz_support.h"

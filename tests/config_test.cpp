@@ -4,9 +4,7 @@
 // each status comes from.
 #include <stdlib.h>
 
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "config_record.h"
 #include "conv_test_util.h"

@@ -2,7 +2,6 @@
 // failure, and stopping.
 #include <atomic>
 #include <thread>
-#include <vector>
 
 #include "init_int.h"
 #include "instance_int.h"

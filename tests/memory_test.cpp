@@ -3,7 +3,6 @@
 #include <syslog.h>
 
 #include <cstring>
-#include <vector>
 
 #include "kspl_test.h"
 #include "memory_int.h"

@@ -1,10 +1,7 @@
 // The component runtime: the status builder, loading, instance creation and
 // unloading.
 #include <cstdlib>
-#include <mutex>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "kspl_test.h"
 

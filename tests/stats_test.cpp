@@ -1,8 +1,6 @@
 // The statistics call: its size protocol and its byte layout.
 #include <cstring>
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "kspl_test.h"
 

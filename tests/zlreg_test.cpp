@@ -7,8 +7,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "kspl_test.h"
 #include "zlreg.h"
