@@ -1,8 +1,14 @@
 // Module start and stop: lazy initialisation once, its retry after a
 // failure, and stopping.
-#include <atomic>
-#include <thread>
+#include <unistd.h>
 
+#include <atomic>
+#include <chrono>
+#include <thread>
+#include <vector>
+
+#include "conv_test_util.h"
+#include "convert_int.h"
 #include "init_int.h"
 #include "instance_int.h"
 #include "kspl_test.h"
@@ -71,6 +77,78 @@ TEST(ModuleStart, FailedInitialisationIsRetriedByTheNextRequest) {
     factory->lpVtbl->Release(factory);
     EXPECT_EQ(g_ksplInitHooks.runs.load(), 5);
     EXPECT_EQ(InterfaceCount, 1u);
+}
+
+// A child forked while another thread holds the registry lock or a memory
+// list lock must find them free (fork waits for them), and a child forked
+// while other threads open iconv descriptors must still convert. A lock
+// inherited as held hangs the child: alarm() turns that into a failure.
+IKspl* g_forkInstance = nullptr;
+
+void UseInstancesInChild() {
+    alarm(10);
+    IKspl* fresh = KsplTestCreateInstance();
+    ASSERT_NE(fresh, nullptr);
+    for (IKspl* k : {fresh, g_forkInstance, pIKspl}) {
+        void* paged = k->lpVtbl->KsoAllocPagedMemory(k, 64);
+        void* nonPaged = k->lpVtbl->KsoAllocNonPagedMemory(k, 64);
+        EXPECT_EQ(k->lpVtbl->KsoFreeMemory(k, paged), 0u);
+        EXPECT_EQ(k->lpVtbl->KsoFreeMemory(k, nonPaged), 0u);
+    }
+    EXPECT_EQ(fresh->lpVtbl->Release(fresh), 0u);
+}
+
+void ConvertInChild() {
+    alarm(5);
+    char text[] = "child";
+    WCHAR wide[8];
+    UINT32 units = 8;
+    EXPECT_EQ(pIKspl->lpVtbl->KsoMultiByteToWideChar(pIKspl, KSO_CP_OEM, text, -1, wide, &units), 0u);
+    EXPECT_EQ(units, 5u);
+}
+
+class ForkedChild : public KsplTest {};
+
+TEST_F(ForkedChild, FindsTheRegistryAndMemoryListsFree) {
+    g_forkInstance = k;
+    pthread_mutex_t* locks[] = {&InterfaceMutex, &KsplInfo(k)->ProtectionMutex,
+                                &KsplInfo(k)->ProtectionSpinLock, &KsplInfo(pIKspl)->ProtectionSpinLock};
+    for (pthread_mutex_t* lock : locks) {
+        std::atomic<bool> held{false};
+        std::thread holder([&] {
+            pthread_mutex_lock(lock);
+            held = true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            pthread_mutex_unlock(lock);
+        });
+        while (!held) std::this_thread::yield();
+        EXPECT_EQ(KsplRunInChild(UseInstancesInChild), 0);
+        holder.join();
+    }
+}
+
+TEST_F(ForkedChild, ConvertsWhileOtherThreadsOpenDescriptors) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "AddressSanitizer's allocator is not held across fork()";
+#endif
+    CodePageScope scope("EUC-JP", FALSE, "EUC-JP", FALSE);  // multi-byte: no tables
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> converters;
+    for (int t = 0; t < 2; ++t) {
+        converters.emplace_back([&] {
+            char text[] = "busy";  // the reference opens a descriptor per call
+            WCHAR wide[8];
+            while (!stop) {
+                UINT32 units = 8;
+                KsplRefMultiByteToWideChar(k, KSO_CP_OEM, text, -1, wide, &units);
+            }
+        });
+    }
+    int hung = 0;
+    for (int i = 0; i < 12; ++i) hung += KsplRunInChild(ConvertInChild) != 0;
+    stop = true;
+    for (auto& t : converters) t.join();
+    EXPECT_EQ(hung, 0);
 }
 
 // Last: stopping returns once the library's threads have ended.
