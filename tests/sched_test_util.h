@@ -8,9 +8,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
-#include <mutex>
 #include <thread>
 
 #include "ks_types.h"
@@ -54,25 +52,6 @@ bool WaitFor(Pred pred, double seconds = 30.0) {
     }
     return true;
 }
-
-// A one-way gate: routines wait on it until the test opens it.
-class Gate {
-public:
-    void Wait() {
-        std::unique_lock<std::mutex> lock(m_);
-        cv_.wait(lock, [this] { return open_; });
-    }
-    void Open() {
-        std::lock_guard<std::mutex> lock(m_);
-        open_ = true;
-        cv_.notify_all();
-    }
-
-private:
-    std::mutex m_;
-    std::condition_variable cv_;
-    bool open_ = false;
-};
 
 // Routine (work item or timer) counting its runs in its context.
 struct Counter {
