@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstdio>
 #include <thread>
+#include <vector>
 
 #include "ks_types.h"
 
@@ -52,6 +53,9 @@ bool WaitFor(Pred pred, double seconds = 30.0) {
     }
     return true;
 }
+
+constexpr KSSTATUS kBusy = 0xC7F11003u;         // pending, held or running: refused
+constexpr INT64 kLongWait = 30 * 1000 * 1000;  // in microseconds: only a lost wake-up reaches it
 
 // Routine (work item or timer) counting its runs in its context.
 struct Counter {

@@ -1,7 +1,6 @@
 // Locks: recursion, destroy refused while held, the read-write lock's
 // failed tries, and the status of every bad input. (The fixture's teardown
 // shows every counter back where it was.)
-#include <thread>
 
 #include "kspl_test.h"
 #include "sched_test_util.h"
@@ -9,7 +8,6 @@
 
 namespace {
 
-constexpr KSSTATUS kBusy = 0xC7F11003u;      // destroy of a held lock
 constexpr KSSTATUS kNotTaken = 0xC7F11002u;  // read-write lock not obtained
 
 class Locks : public KsplTest {

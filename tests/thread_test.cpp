@@ -1,6 +1,6 @@
 // Client threads: how each way of ending reaches the waiters and the count,
-// refusals while running, the thread limit, and bad inputs. (An exit waiter cancelled in its wait: with the other waits,
-// in event_test.)
+// refusals while running, the thread limit, and bad inputs. (An exit waiter
+// cancelled in its wait: with the other waits, in event_test.)
 #include "kspl_test.h"
 #include "sched_test_util.h"
 #include "sync_int.h"
@@ -8,24 +8,23 @@
 
 namespace {
 
-constexpr INT64 kLongWait = 30 * 1000 * 1000;  // only a lost wake-up reaches it
 constexpr KSSTATUS kExitStatus = 0x2A2B2C2Du;
 
 INT32 Running() { return KsAtomicLoad(&g_KsplCurrentThreads); }
 
 enum class Ending { kReturn, kExit, kExitAndDestroy };
 
-// Every routine waits for the test's `go` event, then ends as told.
+// Every routine waits for `go`, then ends as told.
 struct Script {
     IKspl* k = nullptr;
-    HANDLE go = nullptr;
+    std::atomic<bool> go{false};
     Ending ending = Ending::kReturn;
     std::atomic<int> pastExit{0};  // a thread that went on after ending itself
 };
 
 void Routine(HANDLE self, PVOID context) {
     auto* s = static_cast<Script*>(context);
-    s->k->lpVtbl->KsoWaitForSingleEvent(s->k, s->go, -1);
+    WaitFor([&] { return s->go.load(); }, 600);
     if (s->ending == Ending::kReturn) return;
     s->k->lpVtbl->KsoExitThread(s->k, self, kExitStatus, s->ending == Ending::kExitAndDestroy);
     ++s->pastExit;
@@ -33,14 +32,8 @@ void Routine(HANDLE self, PVOID context) {
 
 class Threads : public KsplTest {
 protected:
-    void SetUp() override {
-        KsplTest::SetUp();
-        s.k = k;
-        ASSERT_EQ(v->KsoAllocEvent(k, KsoNotificationEvent, &s.go), 0u);
-    }
     void TearDown() override {
         EXPECT_EQ(s.pastExit.load(), 0) << "KsoExitThread returned";
-        EXPECT_EQ(v->KsoDestroyEvent(k, s.go), 0u);
         KsplTest::TearDown();
     }
     Script s;
@@ -49,15 +42,16 @@ protected:
 TEST_F(Threads, EveryEndingReachesTheWaitersAndTheCount) {
     const INT32 before = Running();
     const UINT32 memory = KsplInfo(k)->MemoryPagedInUse;
+    s.k = k;
     for (Ending ending : {Ending::kReturn, Ending::kExit, Ending::kExitAndDestroy}) {
         SCOPED_TRACE(static_cast<int>(ending));
         s.ending = ending;
-        v->KsoResetEvent(k, s.go, nullptr);
+        s.go = false;
         if (ending == Ending::kExitAndDestroy) {
             // No handle wanted: the routine still gets its own, and its
             // record goes with it.
             ASSERT_EQ(v->KsoCreateThread(k, KSO_PRIORITY_IDLE, Routine, &s, nullptr), 0u);
-            v->KsoSignalEvent(k, s.go, nullptr);
+            s.go = true;
             EXPECT_TRUE(WaitFor([&] {
                 return Running() == before && KsAtomicLoad(&KsplInfo(k)->MemoryPagedInUse) == memory;
             }));
@@ -68,13 +62,13 @@ TEST_F(Threads, EveryEndingReachesTheWaitersAndTheCount) {
         }
         HANDLE t = nullptr;
         ASSERT_EQ(v->KsoCreateThread(k, KSO_PRIORITY_NORMAL, Routine, &s, &t), 0u);
-        EXPECT_EQ(v->KsoDestroyThread(k, t), KsplErr(0x1003));
-        EXPECT_EQ(v->KsoGetThreadExitStatus(k, t), KsplErr(0x1003));
+        EXPECT_EQ(v->KsoDestroyThread(k, t), kBusy);
+        EXPECT_EQ(v->KsoGetThreadExitStatus(k, t), kBusy);
         EXPECT_EQ(v->KsoWaitForThreadExit(k, t, 50000), KsplErr(10));
         EXPECT_EQ(v->KsoSetThreadPriority(k, t, static_cast<KSO_PRIORITY>(3)), KsplErr(4));
         EXPECT_EQ(v->KsoSetThreadPriority(k, t, KSO_PRIORITY_REALTIME), 0u);
         std::thread waiter([&] { EXPECT_EQ(v->KsoWaitForThreadExit(k, t, kLongWait), 0u); });
-        v->KsoSignalEvent(k, s.go, nullptr);
+        s.go = true;
         EXPECT_EQ(v->KsoWaitForThreadExit(k, t, kLongWait), 0u);
         waiter.join();
         EXPECT_EQ(Running(), before) << "whoever sees the end sees the count down";
@@ -96,7 +90,7 @@ TEST_F(Threads, CreationStopsBelowTheLimit) {
     EXPECT_EQ(t[2], nullptr);
     EXPECT_EQ(Running(), before + 2) << "a refused creation leaves the count";
     g_KsplMaxThreads = savedMax;
-    v->KsoSignalEvent(k, s.go, nullptr);
+    s.go = true;
     for (HANDLE h : {t[0], t[1]}) {
         EXPECT_EQ(v->KsoWaitForThreadExit(k, h, kLongWait), 0u);
         EXPECT_EQ(v->KsoDestroyThread(k, h), 0u);
@@ -104,16 +98,17 @@ TEST_F(Threads, CreationStopsBelowTheLimit) {
 }
 
 TEST_F(Threads, BadInputsGetTheirStatus) {
+    KsoHandleHeader event{};  // a record of another kind
+    event.Signature = kSigEvent;
     KSO_THREAD_HANDLE cleared{};
     KsplObjInfo foreign{};
     StatusCapture statuses;
-    HANDLE h = nullptr;
-    EXPECT_EQ(v->KsoCreateThread(nullptr, KSO_PRIORITY_NORMAL, Routine, &s, &h), KsplErr(4));
+    EXPECT_EQ(v->KsoCreateThread(nullptr, KSO_PRIORITY_NORMAL, Routine, &s, nullptr), KsplErr(4));
     IKspl* notAnInstance = reinterpret_cast<IKspl*>(&foreign);
-    EXPECT_EQ(v->KsoCreateThread(notAnInstance, KSO_PRIORITY_NORMAL, Routine, &s, &h), KsplErr(4));
-    EXPECT_EQ(v->KsoCreateThread(k, KSO_PRIORITY_NORMAL, nullptr, &s, &h), KsplErr(4));
-    EXPECT_EQ(v->KsoCreateThread(k, static_cast<KSO_PRIORITY>(3), Routine, &s, &h), KsplErr(4));
-    for (HANDLE bad : {HANDLE{nullptr}, s.go, HANDLE{&cleared}}) {
+    EXPECT_EQ(v->KsoCreateThread(notAnInstance, KSO_PRIORITY_NORMAL, Routine, &s, nullptr), KsplErr(4));
+    EXPECT_EQ(v->KsoCreateThread(k, KSO_PRIORITY_NORMAL, nullptr, &s, nullptr), KsplErr(4));
+    EXPECT_EQ(v->KsoCreateThread(k, static_cast<KSO_PRIORITY>(3), Routine, &s, nullptr), KsplErr(4));
+    for (HANDLE bad : {HANDLE{nullptr}, HANDLE{&event}, HANDLE{&cleared}}) {
         EXPECT_EQ(v->KsoDestroyThread(k, bad), KsplErr(3));
         EXPECT_EQ(v->KsoGetThreadExitStatus(k, bad), KsplErr(3));
         EXPECT_EQ(v->KsoSetThreadPriority(k, bad, KSO_PRIORITY_NORMAL), KsplErr(3));
