@@ -119,8 +119,11 @@ TEST_F(WorkItems, NoWakeUpIsLostAndARoutineReArmsItsItem) {
     }
     ctx.selfRuns = 3025;
     ASSERT_EQ(v->KsoScheduleWorkItem(k, item, KSO_PRIORITY_NORMAL), 0u);
-    EXPECT_TRUE(WaitFor([&] { return KsAtomicLoad(&KsplInfo(k)->WorkItemInUse) == 0; }));
+    EXPECT_TRUE(WaitFor([&] { return KsAtomicLoad(&KsplInfo(k)->MemoryPagedInUse) == 0; }));
     EXPECT_EQ(ctx.runs.load(), 3025);
+    // Its record is released under the instance's pool lock: let the routine
+    // out of it before teardown.
+    KsMutexGuard passThrough(&KsplInfo(k)->ProtectionMutex);
 }
 
 IKspl* g_k = nullptr;
