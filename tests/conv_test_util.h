@@ -6,9 +6,9 @@
 #pragma once
 
 #include <algorithm>
-#include <cstring>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 #include "convert_int.h"
@@ -29,38 +29,31 @@ inline std::u16string AsU16(const WCHAR* p, size_t n) { return std::u16string(p,
 // (the library owns and frees the names its setup chose).
 class PageScope {
 public:
-    PageScope()
-        : oem_(g_pOemCodePage), ansi_(g_pAnsiCodePage), oemEuro_(g_oemCodePageSupportsEuro),
-          ansiEuro_(g_ansiCodePageSupportsEuro) {}
-    ~PageScope() {
-        g_pOemCodePage = oem_;
-        g_pAnsiCodePage = ansi_;
-        g_oemCodePageSupportsEuro = oemEuro_;
-        g_ansiCodePageSupportsEuro = ansiEuro_;
-    }
+    PageScope() = default;
     PageScope(const PageScope&) = delete;
     PageScope& operator=(const PageScope&) = delete;
+    ~PageScope() { Globals() = saved_; }
+
+protected:
+    using Pages = std::tuple<char*&, char*&, BOOLEAN&, BOOLEAN&>;
+    static Pages Globals() {
+        return {g_pOemCodePage, g_pAnsiCodePage, g_oemCodePageSupportsEuro, g_ansiCodePageSupportsEuro};
+    }
 
 private:
-    char* oem_;
-    char* ansi_;
-    BOOLEAN oemEuro_;
-    BOOLEAN ansiEuro_;
+    std::tuple<char*, char*, BOOLEAN, BOOLEAN> saved_ = Globals();
 };
 
 // Selects the OEM and ANSI code pages for one scope.
 class CodePageScope : public PageScope {
 public:
     CodePageScope(const char* oem, BOOLEAN oemEuro, const char* ansi, BOOLEAN ansiEuro) {
-        g_pOemCodePage = const_cast<char*>(oem);
-        g_pAnsiCodePage = const_cast<char*>(ansi);
-        g_oemCodePageSupportsEuro = oemEuro;
-        g_ansiCodePageSupportsEuro = ansiEuro;
+        Globals() = std::make_tuple(const_cast<char*>(oem), const_cast<char*>(ansi), oemEuro, ansiEuro);
     }
 };
 
 // One conversion: its result, the count it reported, and its output area
-// (pre-filled with a pattern, two guard units past the capacity) as bytes.
+// with two guard units past the capacity, as bytes.
 struct ConvRun {
     long long rc;
     long long count;
@@ -68,62 +61,54 @@ struct ConvRun {
     bool operator==(const ConvRun&) const = default;
 };
 
-inline size_t Room(long long capacity) { return static_cast<size_t>(std::max(capacity, 0LL)) + 2; }
-
-inline ConvRun Captured(long long rc, long long count, const void* area, size_t bytes) {
-    return {rc, count, std::string(static_cast<const char*>(area), bytes)};
+// Runs call(area, &count) with the count set to the capacity, over an area
+// of `capacity` units and two more, pre-filled with the pattern 0xA5.
+template <typename Out, typename Count, typename Call>
+ConvRun Capture(long long capacity, Call call) {
+    std::vector<Out> out(static_cast<size_t>(std::max(capacity, 0LL)) + 2, static_cast<Out>(0xA5A5));
+    Count count = static_cast<Count>(capacity);
+    const long long rc = call(out.data(), &count);
+    return {rc, count, std::string(reinterpret_cast<const char*>(out.data()), sizeof(Out) * out.size())};
 }
 
-// A character routine to 16-bit units: the exported (fast) one or the
-// reference. A null page means UTF-8.
+// A character routine, the exported (fast) one or the reference; a null
+// page means UTF-8.
 inline ConvRun RoutineToWide(bool fast, char* page, BOOLEAN euro, std::string in, int capacity) {
-    std::vector<WCHAR> out(Room(capacity), 0xA5A5);
-    int count = capacity;
     const int n = static_cast<int>(in.size());
-    const int rc = page == nullptr
-                       ? (fast ? Utf8ToUni : KsplRefUtf8ToUni)(in.data(), n, out.data(), &count)
-                       : (fast ? LocToUni : KsplRefLocToUni)(page, euro, in.data(), n, out.data(),
-                                                             &count);
-    return Captured(rc, count, out.data(), 2 * out.size());
+    return Capture<WCHAR, int>(capacity, [&](WCHAR* out, int* count) {
+        return page == nullptr ? (fast ? Utf8ToUni : KsplRefUtf8ToUni)(in.data(), n, out, count)
+                               : (fast ? LocToUni : KsplRefLocToUni)(page, euro, in.data(), n, out, count);
+    });
 }
-
 inline ConvRun RoutineToNarrow(bool fast, char* page, std::vector<WCHAR> in, int capacity) {
-    std::string out(Room(capacity), '\x5A');
-    int count = capacity;
     const int n = static_cast<int>(in.size());
-    const int rc = page == nullptr
-                       ? (fast ? UniToUtf8 : KsplRefUniToUtf8)(in.data(), n, out.data(), &count)
-                       : (fast ? UniToLoc : KsplRefUniToLoc)(page, in.data(), n, out.data(),
-                                                             &count);
-    return Captured(rc, count, out.data(), out.size());
+    return Capture<char, int>(capacity, [&](char* out, int* count) {
+        return page == nullptr ? (fast ? UniToUtf8 : KsplRefUniToUtf8)(in.data(), n, out, count)
+                               : (fast ? UniToLoc : KsplRefUniToLoc)(page, in.data(), n, out, count);
+    });
 }
 
 // A service over the slots (fast) or the reference routines, with `len` as
-// the length argument and an area of `capacity` units, or no area at all.
-// The input is copied with a terminator after it.
+// the length argument and the area (or none) for the output. The input is
+// copied with a terminator after it.
 inline ConvRun ServiceToWide(bool fast, IKspl* k, UINT32 cp, std::string in, INT32 len,
                              UINT32 capacity, bool area = true) {
-    std::vector<WCHAR> out(Room(capacity), 0xA5A5);
-    UINT32 count = capacity;
-    const KSSTATUS st = (fast ? KsoMultiByteToWideChar : KsplRefMultiByteToWideChar)(
-        k, cp, in.data(), len, area ? out.data() : nullptr, &count);
-    return Captured(st, count, out.data(), 2 * out.size());
+    return Capture<WCHAR, UINT32>(capacity, [&](WCHAR* out, UINT32* count) {
+        return (fast ? KsoMultiByteToWideChar : KsplRefMultiByteToWideChar)(
+            k, cp, in.data(), len, area ? out : nullptr, count);
+    });
 }
-
 inline ConvRun ServiceToNarrow(bool fast, IKspl* k, UINT32 cp, std::vector<WCHAR> in, INT32 len,
                                UINT32 capacity, bool area = true) {
     in.push_back(0);
-    std::string out(Room(capacity), '\x5A');
-    UINT32 count = capacity;
-    const KSSTATUS st = (fast ? KsoWideCharToMultiByte : KsplRefWideCharToMultiByte)(
-        k, cp, in.data(), len, area ? out.data() : nullptr, &count);
-    return Captured(st, count, out.data(), out.size());
+    return Capture<char, UINT32>(capacity, [&](char* out, UINT32* count) {
+        return (fast ? KsoWideCharToMultiByte : KsplRefWideCharToMultiByte)(
+            k, cp, in.data(), len, area ? out : nullptr, count);
+    });
 }
 
 // The text of a successful run.
 inline std::u16string WideText(const ConvRun& r) {
-    std::u16string s(static_cast<size_t>(r.count), u'\0');
-    std::memcpy(s.data(), r.area.data(), 2 * s.size());
-    return s;
+    return {reinterpret_cast<const char16_t*>(r.area.data()), static_cast<size_t>(r.count)};
 }
 inline std::string NarrowText(const ConvRun& r) { return r.area.substr(0, r.count); }

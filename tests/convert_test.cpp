@@ -47,9 +47,9 @@ TEST_F(ConvertTest, LengthProtocol) {
             EXPECT_EQ(w.count, count);
             EXPECT_EQ(n.count, count);
             std::string narrow(written);
-            narrow.resize(Room(cap), '\x5A');
+            narrow.resize(cap + 2, '\xA5');
             std::u16string wide(written.begin(), written.end());
-            wide.resize(Room(cap), u'\xA5A5');
+            wide.resize(cap + 2, u'\xA5A5');
             EXPECT_EQ(n.area, narrow);
             EXPECT_EQ(w.area, std::string(reinterpret_cast<char*>(wide.data()), 2 * wide.size()));
         }
@@ -220,7 +220,7 @@ TEST_F(ConvertTest, ListConversions) {
         SCOPED_TRACE(::testing::Message() << empty << " " << int(multiple) << " " << room);
         std::string list = empty ? std::string(2, '\0') : std::string("ab\0c\0\0", 6);
         std::vector<WCHAR> wlist(list.begin(), list.end());
-        std::string out(16, '\x5A');
+        std::string out(16, '\xA5');
         std::vector<WCHAR> wout(16, 0xA5A5);
         UINT32 len = room;
         UINT32 wlen = room;
