@@ -1,11 +1,10 @@
-// string_fuzz.cpp - sequences of counted-string operations on two narrow
-// and two wide records, each over heap storage of exactly its capacity (so
-// any access past it is caught), checked against a model of the bytes each
-// record holds: copies truncate to the capacity, appends are all or
-// nothing, terminators go only where there is room, Length never exceeds
-// MaximumLength, comparisons agree with equality and are antisymmetric,
-// numbers survive a trip through text.
-#include <algorithm>
+// string_fuzz.cpp - counted-string operations on two narrow and two wide
+// records, each over heap storage of exactly its capacity (so any access
+// past it is caught), against a model of the bytes each record holds:
+// copies truncate to the capacity, appends are all or nothing, terminators
+// go only where there is room, Length never exceeds MaximumLength,
+// comparisons are antisymmetric and agree with equality, numbers survive a
+// trip through text.
 #include <memory>
 
 #include "fuzz_support.h"
@@ -28,6 +27,8 @@ struct Slot {
         if (max != 0) std::memcpy(storage.get(), model.data(), model.size());
         rec = {static_cast<UINT16>(model.size()), max, reinterpret_cast<decltype(rec.Buffer)>(storage.get())};
     }
+    bool Terminated() const { return rec.Length == rec.MaximumLength || rec.Buffer[rec.Length / sizeof(*rec.Buffer)] == 0; }
+    void Check() const { FUZZ_CHECK(rec.Length <= rec.MaximumLength && Bytes() == model); }
 };
 
 int Sign(long v) { return v < 0 ? -1 : v > 0 ? 1 : 0; }
@@ -38,89 +39,68 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     IKspl* k = FuzzInstance();
     const IKsplVtbl* v = k->lpVtbl;
     FuzzReader in(data, size);
-    Slot<STRING> narrow[2];
-    Slot<UNICODE_STRING> wide[2];
-    for (int i = 0; i < 2; ++i) {
-        narrow[i].Reset(in, 1);
-        wide[i].Reset(in, 2);
-    }
+    Slot<STRING> n[2];
+    Slot<UNICODE_STRING> w[2];
     for (int step = 0; step < 64 && !in.empty(); ++step) {
-        Slot<STRING>& na = narrow[in.Pick(2)];
-        Slot<STRING>& nb = narrow[in.Pick(2)];
-        Slot<UNICODE_STRING>& wa = wide[in.Pick(2)];
-        Slot<UNICODE_STRING>& wb = wide[in.Pick(2)];
-        const BOOLEAN ci = in.Bool();
-        switch (in.Pick(6)) {
-            case 0:
-                na.Reset(in, 1);
-                wa.Reset(in, 2);
-                break;
-            case 1:  // copies truncate to the capacity, terminated where there is room
-                v->KsoCopyString(k, &na.rec, &nb.rec);
-                na.model = nb.model.substr(0, na.rec.MaximumLength);
-                FUZZ_CHECK(na.rec.MaximumLength == na.rec.Length || na.rec.Buffer[na.rec.Length] == 0);
-                v->KsoCopyUnicodeString(k, &wa.rec, &wb.rec);
-                wa.model = wb.model.substr(0, wa.rec.MaximumLength);
-                FUZZ_CHECK(wa.rec.MaximumLength == wa.rec.Length || wa.rec.Buffer[wa.rec.Length / 2] == 0);
-                break;
-            case 2: {  // appends from a record or a zero-terminated text: all or nothing
-                std::vector<WCHAR> text(in.U8() % 24 + 1, 0);
-                for (size_t i = 0; i + 1 < text.size(); ++i) text[i] = in.U16() | 1;
-                const bool terminated = in.Bool();
-                const std::string add = terminated ? std::string(reinterpret_cast<char*>(text.data()),
-                                                                 2 * text.size() - 2)
-                                                   : wb.model;
-                const size_t want = wa.model.size() + add.size();
-                const KSSTATUS st = terminated ? v->KsoAppendUnicodeToString(k, &wa.rec, text.data())
-                                               : v->KsoAppendUnicodeStringToString(k, &wa.rec, &wb.rec);
-                FUZZ_CHECK(st == (add.empty() || want <= wa.rec.MaximumLength ? 0 : kBufferSmall));
-                if (st == 0) wa.model += add;
-                FUZZ_CHECK(add.empty() || st != 0 || want == wa.rec.MaximumLength ||
-                           wa.rec.Buffer[want / 2] == 0);
-                break;
-            }
-            case 3: {  // comparisons: antisymmetric, equal to themselves, agreeing with equality
-                const INT32 n = v->KsoCompareString(k, &na.rec, &nb.rec, ci);
-                FUZZ_CHECK(Sign(n) == -Sign(v->KsoCompareString(k, &nb.rec, &na.rec, ci)));
-                FUZZ_CHECK((v->KsoEqualString(k, &na.rec, &nb.rec, ci) == TRUE) == (n == 0));
-                FUZZ_CHECK(v->KsoCompareString(k, &na.rec, &na.rec, ci) == 0);
-                const INT32 w = v->KsoCompareUnicodeString(k, &wa.rec, &wb.rec, ci);
-                FUZZ_CHECK(Sign(w) == -Sign(v->KsoCompareUnicodeString(k, &wb.rec, &wa.rec, ci)));
-                FUZZ_CHECK((v->KsoEqualUnicodeString(k, &wa.rec, &wb.rec, ci) == TRUE) == (w == 0));
-                // Case-sensitive: bytes in memory order, then the length.
-                const std::string a = wa.Bytes(), b = wb.Bytes();
-                const int order = a.compare(0, b.size(), b, 0, a.size());
-                FUZZ_CHECK(ci || Sign(w) == Sign(order != 0 ? order : long(a.size()) - long(b.size())));
-                break;
-            }
-            case 4: {  // a number to text (where it fits) and back
-                const UINT32 value = in.U32();
-                const UINT32 base = "\x08\x0A\x10"[in.Pick(3)];
-                char digits[16];
-                std::snprintf(digits, sizeof digits, base == 8 ? "%o" : base == 16 ? "%x" : "%u", value);
-                const size_t d = std::strlen(digits);
-                const KSSTATUS st = v->KsoIntegerToUnicodeString(k, value, base, &wa.rec);
-                FUZZ_CHECK(st == (2 * d <= wa.rec.MaximumLength ? 0 : kBufferSmall));
-                std::string text;
-                for (size_t i = 0; i < d; ++i) text += {digits[i], '\0'};
-                FUZZ_CHECK(st != 0 || wa.Bytes() == text);
-                wa.model = wa.Bytes();  // a refused number may leave a truncated copy
-                UINT32 back = ~value;
-                FUZZ_CHECK(st != 0 || (v->KsoUnicodeStringToInteger(k, &wa.rec, base, &back) == 0 &&
-                                       back == value));
-                break;
-            }
-            default: {  // any text to a number: no fault, the record untouched
-                UINT32 value = 0;
-                v->KsoUnicodeStringToInteger(k, &wa.rec, in.Pick(40), &value);
-                break;
-            }
+        const uint8_t op = in.U8();
+        Slot<STRING>& na = n[op & 1];
+        Slot<UNICODE_STRING>& wa = w[op & 1];
+        Slot<UNICODE_STRING>& wb = w[(op >> 1) & 1];
+        if (step < 2 || (op & 0x1C) == 0) {
+            na.Reset(in, 1);
+            wa.Reset(in, 2);
+        } else if ((op & 0x1C) == 4) {  // copies: truncated to the capacity
+            v->KsoCopyString(k, &na.rec, &n[(op >> 1) & 1].rec);
+            na.model = n[(op >> 1) & 1].model.substr(0, na.rec.MaximumLength);
+            v->KsoCopyUnicodeString(k, &wa.rec, &wb.rec);
+            wa.model = wb.model.substr(0, wa.rec.MaximumLength);
+            FUZZ_CHECK(na.Terminated() && wa.Terminated(), "a copy terminates where there is room");
+        } else if ((op & 0x1C) == 8) {  // appends of a record or a zero-terminated text
+            std::vector<WCHAR> text(in.U8() % 24 + 1, 0);
+            for (size_t i = 0; i + 1 < text.size(); ++i) text[i] = in.U16() | 1;
+            const bool terminated = in.Bool();
+            const std::string add = terminated ? std::string(reinterpret_cast<char*>(text.data()),
+                                                             2 * text.size() - 2)
+                                               : wb.model;
+            const bool fits = wa.model.size() + add.size() <= wa.rec.MaximumLength;
+            const KSSTATUS st = terminated ? v->KsoAppendUnicodeToString(k, &wa.rec, text.data())
+                                           : v->KsoAppendUnicodeStringToString(k, &wa.rec, &wb.rec);
+            FUZZ_CHECK(st == (add.empty() || fits ? 0 : kBufferSmall), "all or nothing");
+            if (st == 0) wa.model += add;
+            FUZZ_CHECK(add.empty() || st != 0 || wa.Terminated(), "an append terminates where there is room");
+        } else if ((op & 0x1C) == 12) {  // a number to text where it fits, and back
+            const UINT32 value = in.U32();
+            const UINT32 base = "\x08\x0A\x10"[in.Pick(3)];
+            char digits[16];
+            std::snprintf(digits, sizeof digits, base == 8 ? "%o" : base == 16 ? "%x" : "%u", value);
+            std::string text;
+            for (const char* d = digits; *d != 0; ++d) text += {*d, '\0'};
+            const KSSTATUS st = v->KsoIntegerToUnicodeString(k, value, base, &wa.rec);
+            FUZZ_CHECK(st == (text.size() <= wa.rec.MaximumLength ? 0 : kBufferSmall), "digits");
+            FUZZ_CHECK(st != 0 || wa.Bytes() == text, "the digits");
+            wa.model = wa.Bytes();  // a refused number may leave a truncated copy
+            UINT32 back = ~value;
+            FUZZ_CHECK(st != 0 || (v->KsoUnicodeStringToInteger(k, &wa.rec, base, &back) == 0 && back == value));
+        } else {  // comparisons; any text to a number leaves the record alone
+            const BOOLEAN ci = (op & 0x20) != 0;
+            const INT32 c = v->KsoCompareString(k, &n[0].rec, &n[1].rec, ci);
+            FUZZ_CHECK(Sign(c) == -Sign(v->KsoCompareString(k, &n[1].rec, &n[0].rec, ci)));
+            FUZZ_CHECK((v->KsoEqualString(k, &n[0].rec, &n[1].rec, ci) == TRUE) == (c == 0));
+            const INT32 d = v->KsoCompareUnicodeString(k, &w[0].rec, &w[1].rec, ci);
+            FUZZ_CHECK(Sign(d) == -Sign(v->KsoCompareUnicodeString(k, &w[1].rec, &w[0].rec, ci)));
+            FUZZ_CHECK((v->KsoEqualUnicodeString(k, &w[0].rec, &w[1].rec, ci) == TRUE) == (d == 0));
+            // Case-sensitive: bytes in memory order, then the length.
+            const std::string a = w[0].Bytes();
+            const std::string b = w[1].Bytes();
+            const int order = a.compare(0, b.size(), b, 0, a.size());
+            FUZZ_CHECK(ci || Sign(d) == Sign(order != 0 ? order : long(a.size()) - long(b.size())));
+            UINT32 value = 0;
+            v->KsoUnicodeStringToInteger(k, &wa.rec, in.Pick(40), &value);
         }
-        auto verify = [](const auto& s) {
-            FUZZ_CHECK(s.rec.Length <= s.rec.MaximumLength && s.Bytes() == s.model);
-        };
-        std::for_each(narrow, narrow + 2, verify);
-        std::for_each(wide, wide + 2, verify);
+        for (int i = 0; i < 2; ++i) {
+            n[i].Check();
+            w[i].Check();
+        }
     }
     return 0;
 }
