@@ -79,23 +79,6 @@ TEST_F(CodePageTest, EnvironmentAndLocaleChooseTheCodePages) {
                       EXPECT_EQ(g_ansiCodePageSupportsEuro, ansiEuro);
                       EXPECT_EQ(log.Messages(), lines);
                   }
-                  // Selectors 2 and 5 convert through the OEM code page, 1 and
-                  // 4 through the ANSI one: CP866 has no euro sign, WINDOWS-1251
-                  // has it at 0x88.
-                  ASSERT_EQ(RunSetup("866", nullptr), 0);
-                  const char* const expected[] = {"", "\xC0\x88", "\x80\xCC"};
-                  for (UINT32 sel : {1u, 2u, 4u, 5u}) {
-                      const std::vector<WCHAR> text = Units(u"\u0410\u20AC");
-                      EXPECT_EQ(NarrowText(ServiceToNarrow(true, pIKspl, sel, text, -1, 16)),
-                                expected[sel > 3 ? sel - 3 : sel]);
-                  }
-                  // In a UTF-8 locale units above 255 are upper-cased by the wide
-                  // classification; the bytes 128..255 follow the byte
-                  // classification, which calls none of them a letter.
-                  ASSERT_EQ(RunSetup(nullptr, nullptr, "C.UTF-8"), 0);
-                  std::vector<WCHAR> text = Wide(u"\u0430\u00E9\u03B1x\u4E2D");
-                  EXPECT_EQ(KsoCharUpperBuff(nullptr, 5, text.data()), 0u);
-                  EXPECT_EQ(AsU16(text.data(), 5), u"\u0410\u00E9\u0391X\u4E2D");
                   // The checks log unknown names whatever the log setting says.
                   LogCapture log;
                   char bogus[] = "NO-SUCH-CP";
