@@ -7,10 +7,7 @@
 
 namespace {
 
-class ConvertTest : public KsplTest {
-protected:
-    CodePageScope ascii_{"ANSI_X3.4-1968", FALSE, "ANSI_X3.4-1968", FALSE};
-};
+class ConvertTest : public KsplTest {};
 
 long long Code(UINT32 code) { return code == 0 ? 0 : KsplErr(code); }
 

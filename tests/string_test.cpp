@@ -11,7 +11,6 @@ constexpr WCHAR kPattern = 0x5A5A;
 
 class StringTest : public KsplTest {
 protected:
-    CodePageScope ascii_{"ANSI_X3.4-1968", FALSE, "ANSI_X3.4-1968", FALSE};
     std::vector<WCHAR> storage_;
     // A record over `capacity` bytes of pattern units that holds `text`.
     UNICODE_STRING Record(std::u16string_view text, UINT16 capacity) {
@@ -131,6 +130,7 @@ TEST_F(StringTest, IntegerToText) {
 // the work buffer, 65 (an escape counts six) do not; empty text reaches the
 // conversion with length 0. The value stays on failure.
 TEST_F(StringTest, TextToInteger) {
+    CodePageScope ascii("ANSI_X3.4-1968", FALSE, "ANSI_X3.4-1968", FALSE);
     const std::u16string long64 = std::u16string(61, u'0') + u"123";
     const std::u16string long65 = std::u16string(64, u'1') + u"7";
     const std::u16string escaped = std::u16string(59, u'1') + u"\u4E2D";
