@@ -12,21 +12,13 @@
 
 namespace {
 
-// Runs the code page setup with ZELTA_CODE_PAGE set; at scope end, again
-// with the variable unset (the test environment does not set it).
-struct CodePageSetup {
-    explicit CodePageSetup(const char* oem) {
-        setenv("ZELTA_CODE_PAGE", oem, 1);
-        UnInitCharConvInfrastructure();
-        ok = InitCharConvInfrastructure() == 0;
-    }
-    ~CodePageSetup() {
-        unsetenv("ZELTA_CODE_PAGE");
-        UnInitCharConvInfrastructure();
-        EXPECT_EQ(InitCharConvInfrastructure(), 0);
-    }
-    bool ok;
-};
+// Runs the code page setup again with ZELTA_CODE_PAGE set (the variable
+// stays set: each setup of this suite sets it first).
+bool SetUpCodePages(const char* oem) {
+    setenv("ZELTA_CODE_PAGE", oem, 1);
+    UnInitCharConvInfrastructure();
+    return InitCharConvInfrastructure() == 0;
+}
 
 // Reports the first few mismatches; a sweep stops after them.
 struct Checker {
@@ -116,8 +108,7 @@ class ConvertEquivTest : public KsplTest, public ::testing::WithParamInterface<c
 // flags, every byte pair where there are no lookup tables (multi-byte code
 // pages), random strings; for UTF-8 also the codec of selector 3.
 TEST_P(ConvertEquivTest, CodePageMatchesReference) {
-    CodePageSetup setup(GetParam());
-    ASSERT_TRUE(setup.ok);
+    ASSERT_TRUE(SetUpCodePages(GetParam()));
     ASSERT_STREQ(g_pOemCodePage, GetParam()) << "not on this system?";
     const bool utf8 = std::string(GetParam()) == "UTF-8";
     const bool tables = !utf8 && std::string(GetParam()) != "SHIFT_JIS";
@@ -182,8 +173,7 @@ TEST_F(ConvertEquivTest, CachedDescriptorsAcrossThreadsAndSetups) {
     b.join();
     for (iconv_t pin : pins) iconv_close(pin);
     EXPECT_EQ(failures[0] + failures[1] + failures[2], 0);
-    CodePageSetup setup("SHIFT_JIS");
-    ASSERT_TRUE(setup.ok);
+    ASSERT_TRUE(SetUpCodePages("SHIFT_JIS"));
     work(4u, &failures[0]);
     EXPECT_EQ(failures[0], 0);
 }

@@ -1,7 +1,7 @@
 // Conversions between 16-bit units and the narrow encodings: the length
-// protocol, work buffers, escapes, the euro and path-separator rules, UTF-8
-// and the list conversions. The character rules run over the IKspl slots
-// and over the reference routines alike.
+// protocol, work buffers, escapes, the euro and path-separator rules, UTF-8.
+// The character rules run over the IKspl slots and over the reference
+// routines alike. (The list conversions: config_test, MULTI_SZ values.)
 #include "conv_test_util.h"
 #include "kspl_test.h"
 
@@ -43,8 +43,6 @@ TEST_F(ConvertTest, LengthProtocol) {
         EXPECT_TRUE(status == 0 || (built.WasBuilt(KsplErr(status), "KsoMultiByteToWideChar") &&
                                     built.WasBuilt(KsplErr(status), "KsoWideCharToMultiByte")));
     }
-    // A text that is only its NUL converts to an empty one.
-    EXPECT_EQ(WideText(ServiceToWide(true, k, 1, std::string(1, '\0'), 1, 4)), u"");
 }
 
 // Null text or length pointer, lengths 0 and below -1, code pages outside 1
@@ -162,36 +160,6 @@ TEST_F(ConvertTest, CharUpperBuff) {
     EXPECT_EQ(AsU16(text.data(), 6), u"AB1-z{");
     EXPECT_EQ(KsplRefCharUpperBuff(k, 6, text.data()), 0u);
     EXPECT_EQ(AsU16(text.data(), 6), u"AB1-Z{");
-}
-
-// One string or a list ended by an empty one, both ways; each string
-// keeps a unit free beyond its terminator. On failure the length stays and
-// what was written is a prefix of the result.
-TEST_F(ConvertTest, ListConversions) {
-    // Empty list, Multiple, room, status, length reported.
-    const std::tuple<bool, BOOLEAN, UINT32, UINT32, UINT32> rows[] = {
-        {false, TRUE, 6, 0, 6},   {false, TRUE, 5, 7, 5},  {false, TRUE, 2, 7, 2},
-        {false, TRUE, 0, 7, 0},   {false, FALSE, 4, 0, 3}, {false, FALSE, 3, 7, 3},
-        {true, TRUE, 1, 0, 1},    {true, TRUE, 0, 7, 0},   {true, FALSE, 4, 0, 0}};
-    for (auto [empty, multiple, room, status, n] : rows) {
-        SCOPED_TRACE(::testing::Message() << empty << " " << int(multiple) << " " << room);
-        std::string list = empty ? std::string(2, '\0') : std::string("ab\0c\0\0", 6);
-        std::vector<WCHAR> wlist(list.begin(), list.end());
-        std::string out(16, '\xA5');
-        std::vector<WCHAR> wout(16, 0xA5A5);
-        UINT32 len = room;
-        UINT32 wlen = room;
-        const KSSTATUS a = WideCharToMultiByteMultiple(k, 2, multiple, wlist.data(), 0, out.data(), &len);
-        const KSSTATUS b = KsoMultiByteToWideCharMultiple(k, 2, multiple, list.data(), 0, wout.data(), &wlen);
-        const KSSTATUS expected = static_cast<KSSTATUS>(Code(status));
-        EXPECT_EQ(std::tuple(a, b, len, wlen), std::tuple(expected, expected, n, n));
-        EXPECT_EQ(out.substr(0, n), list.substr(0, n));
-        EXPECT_EQ(AsU16(wout.data(), n), std::u16string(wlist.begin(), wlist.begin() + n));
-    }
-    // A failing string's status is passed up unchanged.
-    WCHAR bad[] = {u'a', 0, 0xD800, 0, 0};
-    UINT32 len = 16;
-    EXPECT_EQ(WideCharToMultiByteMultiple(k, 3, TRUE, bad, 0, std::string(16, 'x').data(), &len), KsplErr(1));
 }
 
 }  // namespace
