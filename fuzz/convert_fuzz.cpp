@@ -17,7 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const UINT32 sel = kSelectors[in.Pick(8)];
     const uint8_t mode = in.U8();
     const long long cap = (mode & 0x80) != 0 ? in.U16() : in.U8() % 64;
-    const std::string text = in.Rest();
+    const std::string text = in.Take(size);
     std::vector<WCHAR> wide(text.size() / 2);
     if (!wide.empty()) std::memcpy(wide.data(), text.data(), 2 * wide.size());
 

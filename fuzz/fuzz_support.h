@@ -63,7 +63,6 @@ public:
         left_ -= n;
         return s;
     }
-    std::string Rest() { return Take(left_); }
 
 private:
     const uint8_t* p_;

@@ -62,8 +62,8 @@ TEST_F(ConvertTest, InvalidArgumentsAreRefused) {
         EXPECT_EQ(v->KsoWideCharToMultiByte(k, page, nullText ? nullptr : wide, n, text, pLen), KsplErr(4));
     }
     EXPECT_EQ(len, 4u);
-    EXPECT_TRUE(built.WasBuilt(KsplErr(4), "KsoMultiByteToWideChar"));
-    EXPECT_TRUE(built.WasBuilt(KsplErr(4), "KsoWideCharToMultiByte"));
+    EXPECT_TRUE(built.WasBuilt(KsplErr(4), "KsoMultiByteToWideChar") &&
+                built.WasBuilt(KsplErr(4), "KsoWideCharToMultiByte"));
     EXPECT_EQ(v->KsoCharUpperBuff(k, 0, wide), KsplErr(4));
     EXPECT_EQ(v->KsoCharUpperBuff(k, 3, nullptr), KsplErr(4));
     EXPECT_TRUE(built.WasBuilt(KsplErr(4), "KsoCharUpperBuff"));
