@@ -25,8 +25,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         char* page = (mode & 0x40) != 0 ? nullptr : oem;
         const BOOLEAN euro = (mode & 8) != 0;
         const int c = static_cast<int>(cap) - 8;
-        FUZZ_CHECK(RoutineToWide(true, page, euro, text, c) == RoutineToWide(false, page, euro, text, c),
-                   "to 16-bit");
+        FUZZ_CHECK(RoutineToWide(true, page, euro, text, c) ==
+                       RoutineToWide(false, page, euro, text, c), "to 16-bit");
         FUZZ_CHECK(RoutineToNarrow(true, page, wide, c) == RoutineToNarrow(false, page, wide, c),
                    "to narrow");
         return 0;
@@ -35,7 +35,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int lengthMode = (mode >> 1) & 3;
     auto length = [&](size_t n) -> INT32 {
         const INT32 invalid = (mode & 8) != 0 ? 0 : -2;
-        return lengthMode == 0 ? -1 : lengthMode == 3 ? invalid : static_cast<INT32>(n) + lengthMode - 1;
+        if (lengthMode == 0 || lengthMode == 3) return lengthMode == 0 ? -1 : invalid;
+        return static_cast<INT32>(n) + lengthMode - 1;
     };
     const bool area = (mode & 0x30) != 0;
     const INT32 nl = length(text.size());

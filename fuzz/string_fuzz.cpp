@@ -24,9 +24,12 @@ struct Slot {
         model = in.Take(in.U8() % (max + 1) & ~(align - 1));
         storage.reset(max == 0 ? nullptr : new char[max]);
         if (max != 0) std::memcpy(storage.get(), model.data(), model.size());
-        rec = {static_cast<UINT16>(model.size()), max, reinterpret_cast<decltype(rec.Buffer)>(storage.get())};
+        rec = {static_cast<UINT16>(model.size()), max,
+               reinterpret_cast<decltype(rec.Buffer)>(storage.get())};
     }
-    bool Terminated() const { return rec.Length == rec.MaximumLength || rec.Buffer[rec.Length / sizeof(*rec.Buffer)] == 0; }
+    bool Terminated() const {
+        return rec.Length == rec.MaximumLength || rec.Buffer[rec.Length / sizeof(*rec.Buffer)] == 0;
+    }
     void Check() const { FUZZ_CHECK(rec.Length <= rec.MaximumLength && Bytes() == model); }
 };
 
@@ -66,7 +69,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                                            : v->KsoAppendUnicodeStringToString(k, &wa.rec, &wb.rec);
             FUZZ_CHECK(st == (add.empty() || fits ? 0 : kBufferSmall), "all or nothing");
             if (st == 0) wa.model += add;
-            FUZZ_CHECK(add.empty() || st != 0 || wa.Terminated(), "an append terminates where there is room");
+            FUZZ_CHECK(add.empty() || st != 0 || wa.Terminated(), "terminated where there is room");
         } else {  // comparisons; any text to a number leaves the records alone
             const BOOLEAN ci = (op & 0x20) != 0;
             const INT32 c = v->KsoCompareString(k, &n[0].rec, &n[1].rec, ci);

@@ -68,7 +68,8 @@ ConvRun Capture(long long capacity, Call call) {
     std::vector<Out> out(static_cast<size_t>(std::max(capacity, 0LL)) + 2, static_cast<Out>(0xA5A5));
     Count count = static_cast<Count>(capacity);
     const long long rc = call(out.data(), &count);
-    return {rc, count, std::string(reinterpret_cast<const char*>(out.data()), sizeof(Out) * out.size())};
+    const char* bytes = reinterpret_cast<const char*>(out.data());
+    return {rc, count, std::string(bytes, sizeof(Out) * out.size())};
 }
 
 // A character routine, the exported (fast) one or the reference; a null
@@ -76,15 +77,15 @@ ConvRun Capture(long long capacity, Call call) {
 inline ConvRun RoutineToWide(bool fast, char* page, BOOLEAN euro, std::string in, int capacity) {
     const int n = static_cast<int>(in.size());
     return Capture<WCHAR, int>(capacity, [&](WCHAR* out, int* count) {
-        return page == nullptr ? (fast ? Utf8ToUni : KsplRefUtf8ToUni)(in.data(), n, out, count)
-                               : (fast ? LocToUni : KsplRefLocToUni)(page, euro, in.data(), n, out, count);
+        if (page == nullptr) return (fast ? Utf8ToUni : KsplRefUtf8ToUni)(in.data(), n, out, count);
+        return (fast ? LocToUni : KsplRefLocToUni)(page, euro, in.data(), n, out, count);
     });
 }
 inline ConvRun RoutineToNarrow(bool fast, char* page, std::vector<WCHAR> in, int capacity) {
     const int n = static_cast<int>(in.size());
     return Capture<char, int>(capacity, [&](char* out, int* count) {
-        return page == nullptr ? (fast ? UniToUtf8 : KsplRefUniToUtf8)(in.data(), n, out, count)
-                               : (fast ? UniToLoc : KsplRefUniToLoc)(page, in.data(), n, out, count);
+        if (page == nullptr) return (fast ? UniToUtf8 : KsplRefUniToUtf8)(in.data(), n, out, count);
+        return (fast ? UniToLoc : KsplRefUniToLoc)(page, in.data(), n, out, count);
     });
 }
 

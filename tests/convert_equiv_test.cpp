@@ -51,7 +51,8 @@ struct TextSource : std::mt19937 {
         static constexpr uint32_t kBase[] = {0x20, 0x80, 0x100, 0x4E00, 0xFF61, 0x400, 0};
         static constexpr uint32_t kSpan[] = {0x5F, 0x80, 0x700, 0x5200, 0x3F, 0x60, 0x10000};
         const uint32_t r = Pick(8);
-        return r == 7 ? kSpecial[Pick(std::size(kSpecial))] : static_cast<WCHAR>(kBase[r] + Pick(kSpan[r]));
+        if (r == 7) return kSpecial[Pick(std::size(kSpecial))];
+        return static_cast<WCHAR>(kBase[r] + Pick(kSpan[r]));
     }
     std::string Bytes(char* page) {
         static const char* const kPieces[] = {"[4E2D]", "[00e9]", "[zz12]", "[12", "[", "]", ":",
@@ -92,7 +93,8 @@ void RandomStrings(Checker& c, IKspl* k, UINT32 sel, char* page, BOOLEAN euro, u
         const long long nr = ServiceToWide(false, k, sel, narrow, nn + 1, 0).count;
         for (long long cap : {0LL, nr, nr - 1, nr / 2, wr, wr - 1, wr / 2}) {
             const UINT32 room = static_cast<UINT32>(std::max(cap, 0LL));
-            c.Same("KsoMultiByteToWideChar", narrow, room, ServiceToWide(true, k, sel, narrow, nn + 1, room),
+            c.Same("KsoMultiByteToWideChar", narrow, room,
+                   ServiceToWide(true, k, sel, narrow, nn + 1, room),
                    ServiceToWide(false, k, sel, narrow, nn + 1, room));
             c.Same("KsoWideCharToMultiByte", "", room, ServiceToNarrow(true, k, sel, wide, -1, room),
                    ServiceToNarrow(false, k, sel, wide, -1, room));

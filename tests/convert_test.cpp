@@ -58,8 +58,10 @@ TEST_F(ConvertTest, InvalidArgumentsAreRefused) {
     StatusCapture built;
     for (auto [page, nullText, n, nullLen] : rows) {
         PUINT32 pLen = nullLen ? nullptr : &len;
-        EXPECT_EQ(v->KsoMultiByteToWideChar(k, page, nullText ? nullptr : text, n, wide, pLen), KsplErr(4));
-        EXPECT_EQ(v->KsoWideCharToMultiByte(k, page, nullText ? nullptr : wide, n, text, pLen), KsplErr(4));
+        PCHAR narrowIn = nullText ? nullptr : text;
+        PWCHAR wideIn = nullText ? nullptr : wide;
+        EXPECT_EQ(v->KsoMultiByteToWideChar(k, page, narrowIn, n, wide, pLen), KsplErr(4));
+        EXPECT_EQ(v->KsoWideCharToMultiByte(k, page, wideIn, n, text, pLen), KsplErr(4));
     }
     EXPECT_EQ(len, 4u);
     EXPECT_TRUE(built.WasBuilt(KsplErr(4), "KsoMultiByteToWideChar") &&

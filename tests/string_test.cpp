@@ -139,7 +139,8 @@ TEST_F(StringTest, TextToInteger) {
         {u"0x1A", 0, 0, 26},   {u"010", 0, 0, 8},         {u"010", 10, 0, 10},
         {u"  +42", 10, 0, 42}, {u"\t-1", 10, 0, 0xFFFFFFFF}, {u"12abc", 10, 0, 12},
         {u"xyz", 10, 0, 0},    {u"4294967296", 10, 0, 0xFFFFFFFF}, {long64, 10, 0, 123},
-        {long65, 10, KsplErr(7), 12345}, {escaped, 10, KsplErr(7), 12345}, {u"", 10, KsplErr(4), 12345}};
+        {long65, 10, KsplErr(7), 12345}, {escaped, 10, KsplErr(7), 12345},
+        {u"", 10, KsplErr(4), 12345}};
     for (auto [text, base, status, expected] : rows) {
         std::vector<WCHAR> w = Wide(text);
         UNICODE_STRING s{static_cast<UINT16>(2 * text.size()), 0, w.data()};
