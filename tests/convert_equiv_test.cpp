@@ -46,12 +46,12 @@ struct TextSource : std::mt19937 {
     using std::mt19937::mt19937;
     uint32_t Pick(uint32_t n) { return std::uniform_int_distribution<uint32_t>(0, n - 1)(*this); }
     WCHAR Unit() {
-        static constexpr WCHAR kSpecial[] = {0x20AC, 0xFEFF, 0xFFFE, 0, 0xD800, 0xDFFF, 0xFFFF,
+        static constexpr WCHAR kRuleUnits[] = {0x20AC, 0xFEFF, 0xFFFE, 0, 0xD800, 0xDFFF, 0xFFFF,
                                              0x00CC, '[', ']', ':', '\\', '/', 0x3A00};
         static constexpr uint32_t kBase[] = {0x20, 0x80, 0x100, 0x4E00, 0xFF61, 0x400, 0};
         static constexpr uint32_t kSpan[] = {0x5F, 0x80, 0x700, 0x5200, 0x3F, 0x60, 0x10000};
         const uint32_t r = Pick(8);
-        if (r == 7) return kSpecial[Pick(std::size(kSpecial))];
+        if (r == 7) return kRuleUnits[Pick(std::size(kRuleUnits))];
         return static_cast<WCHAR>(kBase[r] + Pick(kSpan[r]));
     }
     std::string Bytes(char* page) {
