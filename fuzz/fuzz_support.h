@@ -1,6 +1,7 @@
 // fuzz_support.h - what the harnesses share: an IKspl instance obtained as a
 // component obtains it, a quiet system log, a private configuration store
-// per process, and a reader that turns the fuzzer's bytes into choices.
+// per process, the code page scope of the conversion suites (PageScope, in
+// conv_test_util.h) and a reader that turns the fuzzer's bytes into choices.
 #pragma once
 
 #include <cstddef>
@@ -9,6 +10,7 @@
 #include <cstring>
 #include <string>
 
+#include "../tests/conv_test_util.h"
 #include "kspl_exports.h"
 #include "kspl_internal.h"
 
@@ -19,29 +21,6 @@ IKspl* FuzzInstance();
 // Points the configuration store at a database file of this process under
 // /tmp (removed at exit). Must run before the store's first use.
 void FuzzPrivateStore(const char* harness);
-
-// The process's own code pages, put back after every input (the library
-// owns and frees those names).
-class PageScope {
-public:
-    PageScope()
-        : oem_(g_pOemCodePage), ansi_(g_pAnsiCodePage), oemEuro_(g_oemCodePageSupportsEuro),
-          ansiEuro_(g_ansiCodePageSupportsEuro) {}
-    ~PageScope() {
-        g_pOemCodePage = oem_;
-        g_pAnsiCodePage = ansi_;
-        g_oemCodePageSupportsEuro = oemEuro_;
-        g_ansiCodePageSupportsEuro = ansiEuro_;
-    }
-    PageScope(const PageScope&) = delete;
-    PageScope& operator=(const PageScope&) = delete;
-
-private:
-    char* oem_;
-    char* ansi_;
-    BOOLEAN oemEuro_;
-    BOOLEAN ansiEuro_;
-};
 
 // Reports a broken invariant and aborts, so libFuzzer keeps the input.
 [[noreturn]] void FuzzFail(const char* what, const char* detail = "");
@@ -59,7 +38,6 @@ public:
     FuzzReader(const uint8_t* data, size_t size) : p_(data), left_(size) {}
 
     bool empty() const { return left_ == 0; }
-    size_t left() const { return left_; }
 
     uint8_t U8() {
         if (left_ == 0) return 0;
@@ -69,8 +47,6 @@ public:
     uint16_t U16() { return static_cast<uint16_t>(U8() | (U8() << 8)); }
     uint32_t U32() { return static_cast<uint32_t>(U16()) | (static_cast<uint32_t>(U16()) << 16); }
     bool Bool() { return (U8() & 1) != 0; }
-    // A value in [0, n).
-    uint32_t Below(uint32_t n) { return n == 0 ? 0 : U32() % n; }
     uint32_t Pick(uint32_t n) { return n == 0 ? 0 : U8() % n; }
 
     // Up to `max` bytes, the length chosen by the input.
@@ -87,7 +63,6 @@ public:
         left_ -= n;
         return s;
     }
-    std::string Rest() { return Take(left_); }
 
 private:
     const uint8_t* p_;

@@ -1,49 +1,115 @@
-// conv_test_util.h - helpers of the conversion and counted-string suites:
-// wide literals as WCHAR buffers, and a scope that selects the ANSI and OEM
-// code pages for one test and restores the process's own afterwards.
+// conv_test_util.h - helpers of the conversion and counted-string suites and
+// of the conversion fuzz harness: wide literals as WCHAR buffers, scopes over
+// the code page globals, and runners that capture the whole outcome of one
+// conversion (result, count, output area and the guard after it) as a value,
+// so that the fast routines and the reference compare with ==.
 #pragma once
 
+#include <algorithm>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
-#include "kspl_internal.h"
+#include "convert_int.h"
+#include "kspl_exports.h"
+#include "locale_int.h"
 
-// A NUL-terminated WCHAR copy of a UTF-16 literal.
+// The units of a UTF-16 literal, without and with a terminating 0 unit.
+inline std::vector<WCHAR> Units(std::u16string_view s) { return {s.begin(), s.end()}; }
 inline std::vector<WCHAR> Wide(std::u16string_view s) {
-    std::vector<WCHAR> v(s.begin(), s.end());
+    std::vector<WCHAR> v = Units(s);
     v.push_back(0);
     return v;
 }
 
-inline std::u16string AsU16(const WCHAR* p, size_t n) {
-    return std::u16string(p, p + n);
-}
+inline std::u16string AsU16(const WCHAR* p, size_t n) { return std::u16string(p, p + n); }
 
-class CodePageScope {
+// Keeps the code page names and euro flags and puts them back at scope end
+// (the library owns and frees the names its setup chose).
+class PageScope {
 public:
-    CodePageScope(const char* oem, BOOLEAN oemEuro, const char* ansi, BOOLEAN ansiEuro)
-        : oem_(g_pOemCodePage),
-          ansi_(g_pAnsiCodePage),
-          oemEuro_(g_oemCodePageSupportsEuro),
-          ansiEuro_(g_ansiCodePageSupportsEuro) {
-        g_pOemCodePage = const_cast<char*>(oem);
-        g_pAnsiCodePage = const_cast<char*>(ansi);
-        g_oemCodePageSupportsEuro = oemEuro;
-        g_ansiCodePageSupportsEuro = ansiEuro;
+    PageScope() = default;
+    PageScope(const PageScope&) = delete;
+    PageScope& operator=(const PageScope&) = delete;
+    ~PageScope() { Globals() = saved_; }
+
+protected:
+    using Pages = std::tuple<char*&, char*&, BOOLEAN&, BOOLEAN&>;
+    static Pages Globals() {
+        return {g_pOemCodePage, g_pAnsiCodePage, g_oemCodePageSupportsEuro, g_ansiCodePageSupportsEuro};
     }
-    ~CodePageScope() {
-        g_pOemCodePage = oem_;
-        g_pAnsiCodePage = ansi_;
-        g_oemCodePageSupportsEuro = oemEuro_;
-        g_ansiCodePageSupportsEuro = ansiEuro_;
-    }
-    CodePageScope(const CodePageScope&) = delete;
-    CodePageScope& operator=(const CodePageScope&) = delete;
 
 private:
-    char* oem_;
-    char* ansi_;
-    BOOLEAN oemEuro_;
-    BOOLEAN ansiEuro_;
+    std::tuple<char*, char*, BOOLEAN, BOOLEAN> saved_ = Globals();
 };
+
+// Selects the OEM and ANSI code pages for one scope.
+class CodePageScope : public PageScope {
+public:
+    CodePageScope(const char* oem, BOOLEAN oemEuro, const char* ansi, BOOLEAN ansiEuro) {
+        Globals() = std::make_tuple(const_cast<char*>(oem), const_cast<char*>(ansi), oemEuro, ansiEuro);
+    }
+};
+
+// One conversion: its result, the count it reported, and its output area
+// with two guard units past the capacity, as bytes.
+struct ConvRun {
+    long long rc;
+    long long count;
+    std::string area;
+    bool operator==(const ConvRun&) const = default;
+};
+
+// Runs call(area, &count) with the count set to the capacity, over an area
+// of `capacity` units and two more, pre-filled with the pattern 0xA5.
+template <typename Out, typename Count, typename Call>
+ConvRun Capture(long long capacity, Call call) {
+    std::vector<Out> out(static_cast<size_t>(std::max(capacity, 0LL)) + 2, static_cast<Out>(0xA5A5));
+    Count count = static_cast<Count>(capacity);
+    const long long rc = call(out.data(), &count);
+    const char* bytes = reinterpret_cast<const char*>(out.data());
+    return {rc, count, std::string(bytes, sizeof(Out) * out.size())};
+}
+
+// A character routine, the exported (fast) one or the reference; a null
+// page means UTF-8.
+inline ConvRun RoutineToWide(bool fast, char* page, BOOLEAN euro, std::string in, int capacity) {
+    const int n = static_cast<int>(in.size());
+    return Capture<WCHAR, int>(capacity, [&](WCHAR* out, int* count) {
+        if (page == nullptr) return (fast ? Utf8ToUni : KsplRefUtf8ToUni)(in.data(), n, out, count);
+        return (fast ? LocToUni : KsplRefLocToUni)(page, euro, in.data(), n, out, count);
+    });
+}
+inline ConvRun RoutineToNarrow(bool fast, char* page, std::vector<WCHAR> in, int capacity) {
+    const int n = static_cast<int>(in.size());
+    return Capture<char, int>(capacity, [&](char* out, int* count) {
+        if (page == nullptr) return (fast ? UniToUtf8 : KsplRefUniToUtf8)(in.data(), n, out, count);
+        return (fast ? UniToLoc : KsplRefUniToLoc)(page, in.data(), n, out, count);
+    });
+}
+
+// A service over the slots (fast) or the reference routines, with `len` as
+// the length argument and the area (or none) for the output. The input is
+// copied with a terminator after it.
+inline ConvRun ServiceToWide(bool fast, IKspl* k, UINT32 cp, std::string in, INT32 len,
+                             UINT32 capacity, bool area = true) {
+    return Capture<WCHAR, UINT32>(capacity, [&](WCHAR* out, UINT32* count) {
+        return (fast ? KsoMultiByteToWideChar : KsplRefMultiByteToWideChar)(
+            k, cp, in.data(), len, area ? out : nullptr, count);
+    });
+}
+inline ConvRun ServiceToNarrow(bool fast, IKspl* k, UINT32 cp, std::vector<WCHAR> in, INT32 len,
+                               UINT32 capacity, bool area = true) {
+    in.push_back(0);
+    return Capture<char, UINT32>(capacity, [&](char* out, UINT32* count) {
+        return (fast ? KsoWideCharToMultiByte : KsplRefWideCharToMultiByte)(
+            k, cp, in.data(), len, area ? out : nullptr, count);
+    });
+}
+
+// The text of a successful run.
+inline std::u16string WideText(const ConvRun& r) {
+    return {reinterpret_cast<const char16_t*>(r.area.data()), static_cast<size_t>(r.count)};
+}
+inline std::string NarrowText(const ConvRun& r) { return r.area.substr(0, r.count); }
