@@ -76,6 +76,15 @@ inline IOM* NewStore(const GUID& iid = IID_IObjectManager_1) {
     return st == 0 ? om : nullptr;
 }
 
+// Polls for up to about 20 s; true once `done` holds.
+template <typename Pred>
+bool WaitFor(Pred done) {
+    for (int i = 0; i < 100000 && !done(); ++i) {
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    return done();
+}
+
 // True once no deletion thread of the store has work left.
 inline bool DeletionIdle(ObjectInfo* oi) {
     LockInstance(oi, kOmAccessExclusive);
@@ -238,12 +247,14 @@ public:
     void Teardown() {
         Expect(om_->lpVtbl->Release(om_) == 0, "last interface reference");
         std::erase_if(held_, [&](int id) { return objs_.at(id).state == State::kPrealloc; });
-        ExpectDeletes(occupants_ - static_cast<int>(std::set<int>(held_.begin(), held_.end()).size()),
-                      "unreferenced objects destroyed with the store");
+        const int kept = static_cast<int>(std::set<int>(held_.begin(), held_.end()).size());
+        Expect(WaitFor([&] { return g_routines.deletes.load() == occupants_ - kept; }),
+               "unreferenced objects destroyed with the store");
         for (int id : held_) {
             Expect(om_->lpVtbl->DereferenceObject(om_, users_.at(id), 0) == 0, "dereference");
         }
-        ExpectDeletes(occupants_, "every occupant destroyed once");
+        Expect(WaitFor([&] { return g_routines.deletes.load() == occupants_; }),
+               "every occupant destroyed once");
         Expect(g_routines.deallocs.load() == deallocs_, "deallocate routine runs");
     }
 
@@ -278,12 +289,6 @@ private:
         held_.erase(held_.begin() + static_cast<long>(i));
         Expect(om_->lpVtbl->DereferenceObject(om_, users_.at(id), 0) == 0, "dereference");
         Deref(id);
-    }
-    void ExpectDeletes(int n, const char* what) const {
-        for (int i = 0; i < 100000 && g_routines.deletes.load() != n; ++i) {
-            std::this_thread::sleep_for(std::chrono::microseconds(200));
-        }
-        Expect(g_routines.deletes.load() == n, what);
     }
 
     void MakeBlock(UINT32 id, bool permanent) {
@@ -380,9 +385,7 @@ private:
 
     void Check() {
         ObjectInfo* oi = reinterpret_cast<ObjectInfo*>(om_);
-        while ((oi->flags & OI_DEFERRED_DELETE) != 0 && !DeletionIdle(oi)) {
-            std::this_thread::sleep_for(std::chrono::microseconds(200));
-        }
+        WaitFor([&] { return (oi->flags & OI_DEFERRED_DELETE) == 0 || DeletionIdle(oi); });
         UINT32 a = 0, u = 0, p = 0;
         const auto inUse = std::count_if(objs_.begin(), objs_.end(),
                                          [](const auto& o) { return o.second.countedInUse; });
