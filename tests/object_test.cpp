@@ -1,9 +1,9 @@
 // object_test.cpp - the object manager: random operation sequences checked
 // against the reference model (object_model.h), refused calls and their
-// statuses, the factory and the two versions, lock kinds and waiting,
-// deferred deletion, teardown, and several threads on one store (lookups
-// under the shared instance lock racing deletion and dereference),
-// meaningful under ThreadSanitizer.
+// statuses, version-2 handles, waiters for an object's lock, deferred
+// deletion, and several threads on one store (lookups under the shared
+// instance lock racing deletion and dereference, then the store's release
+// while objects are held), meaningful under ThreadSanitizer.
 #include <latch>
 #include <mutex>
 #include <random>
