@@ -15,29 +15,19 @@
 //
 // Usage: kspl_soak [--seconds N] [--threads N] [--seed N]
 #include <pthread.h>
-#include <stdlib.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <chrono>
-#include <cstdio>
 #include <cstring>
 #include <deque>
-#include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
+#include <random>
 
-#include "kspl.h"
-#include "kspl_internal.h"
+#include "kspl_test.h"
 #include "sched_test_util.h"
 #include "zlreg.h"
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 std::atomic<int> g_failures{0};
 bool Check(bool ok, int line, const char* what, unsigned long long got) {
@@ -51,45 +41,17 @@ bool Check(bool ok, int line, const char* what, unsigned long long got) {
 #define CHECK_OK(expr) CheckOk((expr), __LINE__, #expr)
 bool CheckOk(KSSTATUS st, int line, const char* what) { return Check(st == 0, line, what, st); }
 
-constexpr KSSTATUS Err(UINT32 code) { return KS_MAKE_STATUS(3, KSPL_FACILITY, code); }
-constexpr KSSTATUS OmErr(UINT32 code) { return KS_MAKE_STATUS(3, KSPL_OM_FACILITY, code); }
-
-struct Rng {
-    uint64_t s;
-    uint32_t Next() {
-        s ^= s << 13;
-        s ^= s >> 7;
-        s ^= s << 17;
-        return static_cast<uint32_t>(s >> 16);
-    }
-    uint32_t Below(uint32_t n) { return Next() % n; }
-    bool Chance(uint32_t percent) { return Below(100) < percent; }
-};
-
 template <typename T>
 T* Create(GUID clsid, const GUID& iid) {
     void* out = nullptr;
     return OrlmCreateInstance(&clsid, nullptr, &iid, &out) == 0 ? static_cast<T*>(out) : nullptr;
 }
-IKspl* NewInstance() { return Create<IKspl>(CLSID_ZorvikKspl, IID_IZorvikKspl_1); }
-
-// The in-use counters of an instance (the TotalAllocated ones never go down).
-std::vector<UINT32> InUse(IKspl* k) {
-    KsplObjInfo* i = KsplInfo(k);
-    std::vector<UINT32> c;
-    for (UINT32* p : {&i->EventInUse, &i->KeyInUse, &i->LockInUse, &i->MemoryNonPagedInUse,
-                      &i->MemoryPagedInUse, &i->MutexInUse, &i->SpinLockInUse, &i->ThreadInUse,
-                      &i->TimerInUse, &i->WorkItemInUse}) {
-        c.push_back(KsAtomicLoad(p));
-    }
-    return c;
-}
 void ReleaseInstance(IKspl* k) {
-    CHECK(InUse(k) == std::vector<UINT32>(10), 0);
+    CHECK(KsplInUseCounters(k) == KsplCounters{}, 0);
     CHECK(k->lpVtbl->Release(k) == 0, 1);
 }
 
-// Objects: every init is matched by exactly one delete.
+// Objects: a magic number while alive; every init matched by one delete.
 std::atomic<long> g_inits{0};
 std::atomic<long> g_deletes{0};
 constexpr UINT32 kMagic = 0x50A4C0DE;
@@ -97,32 +59,28 @@ struct Obj {
     UINT32 key;
     UINT32 magic;
 };
+PVOID KeyArg(UINT32 key) { return reinterpret_cast<PVOID>(static_cast<uintptr_t>(key)); }
 KSSTATUS InitObj(PVOID user, PVOID init) {
     *static_cast<Obj*>(user) = {static_cast<UINT32>(reinterpret_cast<uintptr_t>(init)), kMagic};
     g_inits.fetch_add(1, std::memory_order_relaxed);
     return 0;
 }
-BOOLEAN SameKey(PVOID user, PVOID data) {
-    return static_cast<Obj*>(user)->key == static_cast<UINT32>(reinterpret_cast<uintptr_t>(data));
+BOOLEAN SameKey(PVOID user, PVOID data) { return KeyArg(static_cast<Obj*>(user)->key) == data; }
+bool Alive(PVOID user, UINT32 key) {
+    auto* o = static_cast<Obj*>(user);
+    return CHECK(o->magic == kMagic && o->key == key, o->magic);
 }
 KSSTATUS DeleteObj(PVOID user) {
-    CHECK(static_cast<Obj*>(user)->magic == kMagic, static_cast<Obj*>(user)->magic);
+    Alive(user, static_cast<Obj*>(user)->key);
     static_cast<Obj*>(user)->magic = 0;
     g_deletes.fetch_add(1, std::memory_order_relaxed);
     return 0;
 }
-PVOID KeyArg(UINT32 key) { return reinterpret_cast<PVOID>(static_cast<uintptr_t>(key)); }
-bool Alive(PVOID user, UINT32 key) {
-    return CHECK(static_cast<Obj*>(user)->magic == kMagic && static_cast<Obj*>(user)->key == key,
-                 static_cast<Obj*>(user)->key);
-}
-
-constexpr UINT32 kChains = 8;
 IOM_2* NewStore(UINT32 level, UINT16 perBlock, UINT32 permBlocks) {
     auto* om = Create<IOM_2>(CLSID_ObjectManagerDataStore, IID_IObjectManager_2);
     if (om != nullptr) {
-        CHECK_OK(om->lpVtbl->Initialize(om, sizeof(Obj), perBlock, level, kChains, DeleteObj,
-                                        nullptr, nullptr, permBlocks));
+        CHECK_OK(om->lpVtbl->Initialize(om, sizeof(Obj), perBlock, level, 8, DeleteObj, nullptr,
+                                        nullptr, permBlocks));
     }
     return om;
 }
@@ -130,50 +88,46 @@ IOM_2* NewStore(UINT32 level, UINT16 perBlock, UINT32 permBlocks) {
 // Long-lived state shared by all threads.
 struct Shared {
     IKspl* inst[4] = {};
-    HANDLE mutex = nullptr, spin = nullptr, rw = nullptr;
-    UINT32 counts[3] = {};  // guarded by the three locks
+    HANDLE locks[3] = {};   // mutex, spin lock, read-write lock
+    UINT32 counts[3] = {};  // each guarded by its lock
     std::atomic<unsigned long> adds[3] = {};
     HANDLE events[6] = {};
     IOM_2* stores[3] = {};
     ISCOM_2* sc = nullptr;
+    std::mutex orphanMutex;  // objects of released stores, dropped later by any thread
+    std::deque<std::pair<IOM_2*, PVOID>> orphans;
 };
 Shared g;
 
-// Objects of released stores, dropped later by any thread.
-std::mutex g_orphanMutex;
-std::deque<std::pair<IOM_2*, PVOID>> g_orphans;
-
 struct Worker {
     int id;
-    Rng rng;
+    std::mt19937_64 rng;
     IKspl* own = nullptr;  // in a forked child: the only instance it uses
-    IKspl* Pick() { return own != nullptr ? own : g.inst[rng.Below(4)]; }
-    INT64 Timeout() {
-        static const INT64 kChoices[] = {0, 1, 50, 500, 2000, 10000};
-        return kChoices[rng.Below(6)];
-    }
+    uint32_t Below(uint32_t n) { return static_cast<uint32_t>(rng() % n); }
+    bool Chance(uint32_t percent) { return Below(100) < percent; }
+    IKspl* Pick() { return own != nullptr ? own : g.inst[Below(4)]; }
+    INT64 Timeout() { return std::array<INT64, 6>{0, 1, 50, 500, 2000, 10000}[Below(6)]; }
 };
 
 // ---------------------------------------------------------------------------
 // Operations.
 
 // Blocks of tracked memory, on a shared instance or on a fresh one that
-// also registers a name and reads its statistics.
+// also registers a name and reads the statistics.
 void OpMemory(Worker& w) {
-    const bool fresh = w.own == nullptr && w.rng.Chance(20);
-    IKspl* k = fresh ? NewInstance() : w.Pick();
+    const bool fresh = w.own == nullptr && w.Chance(20);
+    IKspl* k = fresh ? KsplTestCreateInstance() : w.Pick();
     if (!CHECK(k != nullptr, 0)) return;
-    if (fresh) {
-        CHECK_OK(k->lpVtbl->KsoRegisterModuleName(k, const_cast<char*>("soak")));
-        std::vector<UINT8> stats(64 * 1024);
-        UINT32 size = static_cast<UINT32>(stats.size());
+    std::vector<UINT8> stats(64 * 1024);
+    UINT32 size = static_cast<UINT32>(stats.size());
+    if (fresh && CHECK_OK(k->lpVtbl->KsoRegisterModuleName(k, const_cast<char*>("soak")))) {
         KSSTATUS st = k->lpVtbl->KsoGetGeneralKsplStatistics(k, &size, stats.data());
-        CHECK(st == 0 || st == Err(7), st);
+        CHECK(st == 0 || st == KsplErr(7), st);
     }
     for (UCHAR i = 0; i < 8; ++i) {
-        UINT32 size = 1 + w.rng.Below(w.rng.Chance(10) ? 70000 : 300);
-        auto* p = static_cast<UCHAR*>(w.rng.Chance(50) ? k->lpVtbl->KsoAllocPagedMemory(k, size)
-                                                       : k->lpVtbl->KsoAllocNonPagedMemory(k, size));
+        size = 1 + w.Below(w.Chance(10) ? 70000 : 300);
+        auto* p = static_cast<UCHAR*>(w.Chance(50) ? k->lpVtbl->KsoAllocPagedMemory(k, size)
+                                                   : k->lpVtbl->KsoAllocNonPagedMemory(k, size));
         if (!CHECK(p != nullptr, size)) continue;
         k->lpVtbl->KsoFillMemory(k, p, size, i);
         CHECK(p[0] == i && p[size - 1] == i, i);
@@ -182,35 +136,27 @@ void OpMemory(Worker& w) {
     if (fresh) ReleaseInstance(k);
 }
 
-// The shared locks from any instance, each guarding its own counter; a
-// read-write acquisition without waiting may be refused.
+// The shared locks from any instance; a read-write acquisition without
+// waiting may be refused.
 void OpLocks(Worker& w) {
     IKspl* k = w.Pick();
     const IKsplVtbl* v = k->lpVtbl;
     for (int i = 0; i < 20; ++i) {
-        UINT32 kind = w.rng.Below(4);
-        if (kind == 0) {
-            CHECK_OK(v->KsoAcquireMutex(k, g.mutex));
-            CHECK_OK(v->KsoAcquireMutex(k, g.mutex));  // recursive
-            ++g.counts[0];
-            CHECK_OK(v->KsoReleaseMutex(k, g.mutex));
-            CHECK_OK(v->KsoReleaseMutex(k, g.mutex));
-        } else if (kind == 1) {
-            KSSPIN_STATE prev;
-            CHECK_OK(v->KsoAcquireSpinLock(k, g.spin, &prev));
-            ++g.counts[1];
-            CHECK_OK(v->KsoReleaseSpinLock(k, g.spin, prev));
-        } else {
-            const BOOLEAN wait = w.rng.Chance(70);
-            KSSTATUS st = kind == 2 ? v->KsoAcquireLockForWriteAccess(k, g.rw, wait)
-                                    : v->KsoAcquireLockForReadAccess(k, g.rw, wait);
-            if (!CHECK(st == 0 || (!wait && st == Err(4098)), st) || st != 0) continue;
-            const UINT32 seen = g.counts[2];
-            if (kind == 2) g.counts[2] = seen + 1;
-            CHECK_OK(v->KsoReleaseReadWriteLock(k, g.rw));
-            if (kind == 3) continue;
-        }
-        g.adds[kind].fetch_add(1, std::memory_order_relaxed);
+        const UINT32 kind = w.Below(4);  // the last: reading under the read-write lock
+        const BOOLEAN wait = w.Chance(70);
+        HANDLE lock = g.locks[kind < 2 ? kind : 2];
+        KSSPIN_STATE prev;
+        KSSTATUS st = kind == 0   ? v->KsoAcquireMutex(k, lock)
+                      : kind == 1 ? v->KsoAcquireSpinLock(k, lock, &prev)
+                      : kind == 2 ? v->KsoAcquireLockForWriteAccess(k, lock, wait)
+                                  : v->KsoAcquireLockForReadAccess(k, lock, wait);
+        if (!CHECK(st == 0 || (kind > 1 && !wait && st == KsplErr(4098)), st) || st != 0) continue;
+        const UINT32 seen = g.counts[kind < 2 ? kind : 2];
+        if (kind < 3) g.counts[kind] = seen + 1;
+        CHECK_OK(kind == 0   ? v->KsoReleaseMutex(k, lock)
+                 : kind == 1 ? v->KsoReleaseSpinLock(k, lock, prev)
+                             : v->KsoReleaseReadWriteLock(k, lock));
+        if (kind < 3) g.adds[kind].fetch_add(1, std::memory_order_relaxed);
     }
 }
 
@@ -218,76 +164,49 @@ void OpLocks(Worker& w) {
 void OpEvents(Worker& w) {
     IKspl* k = w.Pick();
     for (int i = 0; i < 4; ++i) {
-        UINT32 a = w.rng.Below(6);
-        UINT32 kind = w.rng.Below(5);
-        if (kind < 2) {
-            CHECK_OK(k->lpVtbl->KsoSignalEvent(k, g.events[a], nullptr));
-        } else if (kind == 2) {
-            CHECK_OK(k->lpVtbl->KsoResetEvent(k, g.events[a], nullptr));
-        } else if (kind == 3) {
-            KSSTATUS st = k->lpVtbl->KsoWaitForSingleEvent(k, g.events[a], w.Timeout());
-            CHECK(st == 0 || st == Err(10), st);
-        } else {
-            HANDLE set[3] = {g.events[a], g.events[(a + 1) % 6], g.events[(a + 2) % 6]};
-            UINT32 n = 2 + w.rng.Below(2);
-            BOOLEAN all = w.rng.Chance(30);
-            INT64 timeout = w.Timeout();
-            KSSTATUS st = k->lpVtbl->KsoWaitForMultipleEvents(k, n, set, all, timeout);
-            CHECK((all ? st == 0 : st < n) || st == Err(10) || (timeout == 0 && st == Err(1)), st);
-        }
+        const UINT32 a = w.Below(6);
+        const UINT32 kind = w.Below(5);
+        const UINT32 n = 2 + w.Below(2);
+        const BOOLEAN all = w.Chance(30);
+        const INT64 timeout = w.Timeout();
+        HANDLE set[3] = {g.events[a], g.events[(a + 1) % 6], g.events[(a + 2) % 6]};
+        KSSTATUS st = kind < 2    ? k->lpVtbl->KsoSignalEvent(k, set[0], nullptr)
+                      : kind == 2 ? k->lpVtbl->KsoResetEvent(k, set[0], nullptr)
+                      : kind == 3 ? k->lpVtbl->KsoWaitForSingleEvent(k, set[0], timeout)
+                                  : k->lpVtbl->KsoWaitForMultipleEvents(k, n, set, all, timeout);
+        CHECK(st == 0 || (kind > 2 && st == KsplErr(10)) || (kind == 4 && !all && st < n) ||
+                  (kind == 4 && timeout == 0 && st == KsplErr(1)),
+              st);
     }
 }
 
-// A wait without limit in a plain pthread (a cancelled std::thread would
-// end the process), cancelled from outside, perhaps after a signal; then
-// nothing of it may stay on the events or the awaited thread.
-struct Blocked {
-    IKspl* k;
-    UINT32 kind;  // 0 single wait, 1 any of three, 2 all of three, 3 a thread's exit
-    HANDLE events[3];
-    HANDLE thread;
-    std::atomic<bool> entered{false};
-};
-void* BlockedMain(void* arg) {
-    auto* b = static_cast<Blocked*>(arg);
-    b->entered = true;
-    if (b->kind == 0) b->k->lpVtbl->KsoWaitForSingleEvent(b->k, b->events[0], -1);
-    if (b->kind == 1 || b->kind == 2) {
-        b->k->lpVtbl->KsoWaitForMultipleEvents(b->k, 3, b->events, b->kind == 2, -1);
-    }
-    if (b->kind == 3) b->k->lpVtbl->KsoWaitForThreadExit(b->k, b->thread, -1);
-    return nullptr;
-}
-void WaitOnEvent(HANDLE, PVOID context) {
-    auto* b = static_cast<Blocked*>(context);
-    b->k->lpVtbl->KsoWaitForSingleEvent(b->k, b->events[2], -1);
-}
-
+// A wait without limit on fresh events in a plain pthread (cancelling a
+// std::thread would end the process), cancelled from outside, perhaps
+// after a signal; nothing of it may stay on the events.
 void OpCancel(Worker& w) {
     IKspl* k = w.Pick();
-    Blocked b{k, w.rng.Below(4), {}, nullptr};
-    for (HANDLE& e : b.events) CHECK_OK(k->lpVtbl->KsoAllocEvent(k, KsoSynchronizationEvent, &e));
-    if (b.kind == 3 &&
-        !CHECK_OK(k->lpVtbl->KsoCreateThread(k, KSO_PRIORITY_NORMAL, WaitOnEvent, &b, &b.thread))) {
-        b.kind = 0;
-    }
-    const bool signal = w.rng.Chance(25);
+    HANDLE events[3] = {};
+    const UINT32 kind = w.Below(3);  // single wait, any of three, all of three
+    std::atomic<bool> entered{false};
+    auto body = [&] {
+        entered = true;
+        return kind == 0 ? k->lpVtbl->KsoWaitForSingleEvent(k, events[0], -1)
+                         : k->lpVtbl->KsoWaitForMultipleEvents(k, 3, events, kind == 2, -1);
+    };
+    auto run = [](void* f) -> void* { return KeyArg((*static_cast<decltype(body)*>(f))()); };
+    for (HANDLE& e : events) CHECK_OK(k->lpVtbl->KsoAllocEvent(k, KsoSynchronizationEvent, &e));
+    const bool signal = w.Chance(25);
     pthread_t t;
-    if (CHECK(pthread_create(&t, nullptr, BlockedMain, &b) == 0, 0)) {
-        while (!b.entered) std::this_thread::yield();
-        if (w.rng.Chance(70)) std::this_thread::sleep_for(std::chrono::microseconds(w.rng.Below(3000)));
-        if (signal) CHECK_OK(k->lpVtbl->KsoSignalEvent(k, b.events[0], nullptr));
+    if (CHECK(pthread_create(&t, nullptr, run, &body) == 0, 0)) {
+        while (!entered) std::this_thread::yield();
+        std::this_thread::sleep_for(std::chrono::microseconds(w.Below(3000)));
+        if (signal) CHECK_OK(k->lpVtbl->KsoSignalEvent(k, events[0], nullptr));
         pthread_cancel(t);
         void* res = nullptr;
         pthread_join(t, &res);
         CHECK(res == PTHREAD_CANCELED || signal, 0);
     }
-    if (b.thread != nullptr) {
-        CHECK_OK(k->lpVtbl->KsoSignalEvent(k, b.events[2], nullptr));
-        CHECK_OK(k->lpVtbl->KsoWaitForThreadExit(k, b.thread, -1));
-        CHECK_OK(k->lpVtbl->KsoDestroyThread(k, b.thread));
-    }
-    for (HANDLE e : b.events) CHECK_OK(k->lpVtbl->KsoDestroyEvent(k, e));
+    for (HANDLE e : events) CHECK_OK(k->lpVtbl->KsoDestroyEvent(k, e));
 }
 
 // A client thread that may leave early through the exit call, awaited
@@ -303,21 +222,21 @@ void ClientThread(HANDLE self, PVOID context) {
     if (a->early) a->k->lpVtbl->KsoExitThread(a->k, self, 0x1234, FALSE);
 }
 void OpThreads(Worker& w) {
-    IKspl* k = w.Pick();
-    ThreadArg arg{k, w.rng.Below(3000), w.rng.Chance(40)};
+    ThreadArg arg{w.Pick(), w.Below(3000), w.Chance(40)};
+    IKspl* k = arg.k;
     HANDLE t = nullptr;
-    auto priority = static_cast<KSO_PRIORITY>(w.rng.Below(3));
+    auto priority = static_cast<KSO_PRIORITY>(w.Below(3));
     if (!CHECK_OK(k->lpVtbl->KsoCreateThread(k, priority, ClientThread, &arg, &t))) return;
     KSSTATUS st = k->lpVtbl->KsoWaitForThreadExit(k, t, w.Timeout());
-    CHECK(st == 0 || st == Err(10), st);
+    CHECK(st == 0 || st == KsplErr(10), st);
     CHECK_OK(k->lpVtbl->KsoWaitForThreadExit(k, t, -1));
     CHECK(k->lpVtbl->KsoGetThreadExitStatus(k, t) == (arg.early ? 0x1234u : 0u), arg.early);
     CHECK_OK(k->lpVtbl->KsoDestroyThread(k, t));
 }
 
-// A work item scheduled (twice per round: queued at most once) or a timer
-// scheduled, rescheduled and perhaps cancelled; every run that was due
-// must happen, and `finished` is the routine's last touch of its context.
+// A work item or a timer scheduled twice per round (a pending one refuses
+// the second), a timer perhaps cancelled: every run due must happen, and
+// `finished` is the routine's last touch of the context.
 struct Signal {
     IKspl* k;
     HANDLE done;
@@ -330,56 +249,48 @@ void SignalRoutine(HANDLE, PVOID context) {
     s->k->lpVtbl->KsoSignalEvent(s->k, s->done, nullptr);
     s->finished.fetch_add(1);
 }
-
 void OpScheduled(Worker& w) {
     IKspl* k = w.Pick();
     const IKsplVtbl* v = k->lpVtbl;
     Signal s{k, nullptr};
     HANDLE h = nullptr;
-    const bool timer = w.rng.Chance(40);
+    const bool timer = w.Chance(40);
     if (!CHECK_OK(v->KsoAllocEvent(k, KsoNotificationEvent, &s.done))) return;
     CHECK_OK(timer ? v->KsoAllocTimer(k, SignalRoutine, &s, FALSE, &h)
                    : v->KsoAllocWorkItem(k, SignalRoutine, &s, &h));
     int due = 0;
-    for (int round = 0; h != nullptr && round < 3; ++round) {
-        CHECK_OK(v->KsoResetEvent(k, s.done, nullptr));
-        KSSTATUS st = timer ? v->KsoScheduleTimer(k, h, w.rng.Below(40000))
-                            : v->KsoScheduleWorkItem(k, h, static_cast<KSO_PRIORITY>(w.rng.Below(3)));
-        due += CHECK(st == 0 || st == Err(4099), st) && st == 0;
-        st = timer ? v->KsoScheduleTimer(k, h, 1000) : v->KsoScheduleWorkItem(k, h, KSO_PRIORITY_NORMAL);
-        due += CHECK(st == 0 || st == Err(4099), st) && st == 0;
-        if (timer && w.rng.Chance(40) && v->KsoCancelTimer(k, h)) --due;
-        // A cancel may leave nothing due in this round.
-        if (!timer && due > 0 && w.rng.Chance(50)) {
+    for (int i = 0; h != nullptr && i < 6; ++i) {
+        if (i % 2 == 0) CHECK_OK(v->KsoResetEvent(k, s.done, nullptr));
+        KSSTATUS st = timer ? v->KsoScheduleTimer(k, h, w.Below(40000))
+                            : v->KsoScheduleWorkItem(k, h, static_cast<KSO_PRIORITY>(w.Below(3)));
+        due += CHECK(st == 0 || st == KsplErr(4099), st) && st == 0;
+        if (timer && w.Chance(20) && v->KsoCancelTimer(k, h)) --due;
+        // Without a cancel, a round with runs due signals the event.
+        if (!timer && i % 2 == 1 && due > 0 && w.Chance(50)) {
             CHECK_OK(v->KsoWaitForSingleEvent(k, s.done, 20000000));
         }
     }
-    for (int i = 0; i < 200000 && s.finished < due; ++i) v->KsoSleep(k, 100);
-    CHECK(s.finished == due && s.runs == due, s.runs.load());
+    CHECK(WaitFor([&] { return s.finished == due; }) && s.runs == due, s.runs.load());
     CHECK_OK(timer ? v->KsoDestroyTimer(k, h) : v->KsoDestroyWorkItem(k, h));
     CHECK_OK(v->KsoDestroyEvent(k, s.done));
 }
 
-// Random text both ways (long ones through paged work buffers), a length
-// query, and the wide-string routines.
+// Random text both ways (long ones through paged work buffers) and the
+// case-insensitive comparison.
 void OpConvert(Worker& w) {
     IKspl* k = w.Pick();
-    UINT32 len = 1 + w.rng.Below(w.rng.Chance(20) ? 900 : 60);
-    UINT32 cp = 1 + w.rng.Below(5);
+    const UINT32 len = 1 + w.Below(w.Chance(20) ? 900 : 60);
     std::string text(len, 'a');
-    for (char& c : text) c = static_cast<char>('a' + w.rng.Below(26));
+    for (char& c : text) c = static_cast<char>('a' + w.Below(26));
     std::vector<WCHAR> wide(len + 1);
-    std::vector<char> back(len + 1);
+    std::string back(len + 1, '\0');
     UINT32 units = len + 1;
     UINT32 bytes = len + 1;
-    UINT32 need = 0;
+    const UINT32 cp = 1 + w.Below(5);
     CHECK_OK(k->lpVtbl->KsoMultiByteToWideChar(k, cp, text.data(), -1, wide.data(), &units));
     CHECK_OK(k->lpVtbl->KsoWideCharToMultiByte(k, cp, wide.data(), -1, back.data(), &bytes));
-    CHECK(units == len && bytes == len && std::memcmp(back.data(), text.data(), len) == 0, bytes);
-    CHECK_OK(k->lpVtbl->KsoWideCharToMultiByte(k, cp, wide.data(), -1, nullptr, &need));
-    CHECK(need == len + 1, need);
-    CHECK_OK(k->lpVtbl->KsoCharUpperBuff(k, len, wide.data()));
-    UNICODE_STRING a = {static_cast<UINT16>(len * 2), static_cast<UINT16>(len * 2 + 2), wide.data()};
+    CHECK(units == len && bytes == len && back.compare(0, len, text) == 0, bytes);
+    UNICODE_STRING a = {static_cast<UINT16>(len * 2), static_cast<UINT16>(len * 2), wide.data()};
     CHECK(k->lpVtbl->KsoEqualUnicodeString(k, &a, &a, TRUE) == TRUE, 0);
 }
 
@@ -387,10 +298,10 @@ void OpConvert(Worker& w) {
 void OpConfig(Worker& w) {
     IKspl* k = w.Pick();
     WCHAR name[] = {'S', 'o', 'a', 'k', '\\', static_cast<WCHAR>('A' + w.id), 0};
-    WCHAR value[] = {'v', static_cast<WCHAR>('0' + w.rng.Below(8)), 0};
+    WCHAR value[] = {'v', static_cast<WCHAR>('0' + w.Below(8)), 0};
     HANDLE key = nullptr;
     if (!CHECK_OK(k->lpVtbl->KsoCreateKey(k, name, KSO_KEY_ALL_ACCESS, &key))) return;
-    UINT32 number = w.rng.Next();
+    UINT32 number = static_cast<UINT32>(w.rng());
     UINT8 info[512];
     UINT32 result = 0;
     UINT32 offset = 0;
@@ -398,47 +309,44 @@ void OpConfig(Worker& w) {
     CHECK_OK(k->lpVtbl->KsoSetValueKey(k, key, value, KSO_REG_UINT32, &number, 4));
     CHECK_OK(k->lpVtbl->KsoQueryValueKey(k, key, value, info, sizeof info, &result));
     std::memcpy(&offset, info + offsetof(KSO_KEY_VALUE_INFORMATION, ValueOffset), 4);
-    std::memcpy(&stored, info + (offset < sizeof info - 4 ? offset : 0), 4);
-    CHECK(stored == number, stored);
-    KSSTATUS st = k->lpVtbl->KsoEnumerateValueKey(k, key, w.rng.Below(4), info, sizeof info, &result);
+    std::memcpy(&stored, info + std::min<UINT32>(offset, sizeof info - 4), 4);
+    CHECK(stored == number, offset);
+    KSSTATUS st = k->lpVtbl->KsoEnumerateValueKey(k, key, w.Below(4), info, sizeof info, &result);
     CHECK(st == 0 || KS_IS_ERROR(st), st);
-    if (w.rng.Chance(30)) CHECK_OK(k->lpVtbl->KsoDeleteValue(k, key, value));
+    if (w.Chance(30)) CHECK_OK(k->lpVtbl->KsoDeleteValue(k, key, value));
     CHECK_OK(k->lpVtbl->KsoCloseKey(k, key));
 }
 
-// Create-or-open by key in a shared store, then find, reference by handle,
-// enumerate, delete or drop; another thread may delete meanwhile.
+// Create-or-open by key in a shared store, find, reference by handle,
+// delete or drop, sometimes enumerate; another thread may delete meanwhile.
 void OpObjects(Worker& w) {
-    IOM_2* om = g.stores[w.rng.Below(3)];
+    IOM_2* om = g.stores[w.Below(3)];
     const IOM_2Vtbl* v = om->lpVtbl;
+    PVOID user = nullptr;
+    PVOID other = nullptr;
     for (int i = 0; i < 6; ++i) {
-        UINT32 key = w.rng.Below(48);
-        UINT32 access = w.rng.Below(3);
-        PVOID user = nullptr;
-        PVOID other = nullptr;
+        const UINT32 key = w.Below(48);
+        const UINT32 access = w.Below(3);
         HANDLE h = nullptr;
-        UINT32 mode = 0;
-        if (!CHECK_OK(v->CreateObject(om, KeyArg(key), InitObj, KeyArg(key), SameKey, key % kChains,
-                                      access, access, &user, &mode))) {
+        if (!CHECK_OK(v->CreateObject(om, KeyArg(key), InitObj, KeyArg(key), SameKey, key % 8,
+                                      access, access, &user, nullptr)) ||
+            !Alive(user, key)) {
             continue;
         }
-        Alive(user, key);
         CHECK_OK(v->GetObjectHandle(om, user, &h));
         if (access != 0) CHECK_OK(v->ReleaseObject(om, user));
-        UINT32 findAccess = w.rng.Below(3);
-        KSSTATUS st = v->FindObject(om, KeyArg(key), SameKey, key % kChains, findAccess, &other);
-        if (CHECK(st == 0 || st == OmErr(11), st) && st == 0 && Alive(other, key)) {
-            CHECK_OK(v->DereferenceObject(om, other, findAccess));
+        KSSTATUS st = v->FindObject(om, KeyArg(key), SameKey, key % 8, access, &other);
+        if (CHECK(st == 0 || st == KsplOmErr(11), st) && st == 0 && Alive(other, key)) {
+            CHECK_OK(v->DereferenceObject(om, other, access));
         }
         st = v->ReferenceObjectByHandle(om, h, 0, &other);
-        if (CHECK(st == 0 || st == OmErr(3), st) && st == 0 && CHECK(other == user, 0)) {
+        if (CHECK(st == 0 || st == KsplOmErr(3), st) && st == 0 && CHECK(other == user, 0)) {
             CHECK_OK(v->DereferenceObject(om, other, 0));
         }
-        CHECK_OK(w.rng.Chance(35) ? v->DeleteObject(om, user, 0) : v->DereferenceObject(om, user, 0));
+        CHECK_OK(w.Chance(35) ? v->DeleteObject(om, user, 0) : v->DereferenceObject(om, user, 0));
     }
     HANDLE cursor = nullptr;
-    PVOID user = nullptr;
-    while (w.rng.Chance(10) && v->EnumerateObjects(om, &cursor, nullptr, nullptr, 0, &user) == 0) {
+    while (w.Chance(10) && v->EnumerateObjects(om, &cursor, nullptr, nullptr, 0, &user) == 0) {
         CHECK(static_cast<Obj*>(user)->magic == kMagic, 0);
         CHECK_OK(v->DereferenceObject(om, user, 0));
     }
@@ -447,47 +355,47 @@ void OpObjects(Worker& w) {
 // A store of its own, released while this thread still holds some of its
 // objects; some of those go to other threads, which drop them later.
 void DropOrphans(size_t keep) {
-    std::unique_lock<std::mutex> guard(g_orphanMutex);
-    while (g_orphans.size() > keep) {
-        auto [store, user] = g_orphans.front();
-        g_orphans.pop_front();
+    std::unique_lock<std::mutex> guard(g.orphanMutex);
+    while (g.orphans.size() > keep) {
+        auto [store, user] = g.orphans.front();
+        g.orphans.pop_front();
         guard.unlock();
         CHECK(static_cast<Obj*>(user)->magic == kMagic, 0);
         CHECK_OK(store->lpVtbl->DereferenceObject(store, user, 0));
         guard.lock();
     }
 }
-
 void OpStoreRelease(Worker& w) {
-    UINT32 level = (w.rng.Chance(50) ? 0u : 3u) | (w.rng.Chance(40) ? 0x10000000u : 0u);
-    IOM_2* om = NewStore(level, static_cast<UINT16>(1 + w.rng.Below(6)), w.rng.Below(3));
+    UINT32 level = (w.Chance(50) ? 0u : 3u) | (w.Chance(40) ? 0x10000000u : 0u);
+    IOM_2* om = NewStore(level, static_cast<UINT16>(1 + w.Below(6)), w.Below(3));
     if (!CHECK(om != nullptr, level)) return;
-    std::vector<PVOID> held(1 + w.rng.Below(12));
+    std::vector<PVOID> held(1 + w.Below(12));
     for (UINT32 key = 0; key < held.size(); ++key) {
-        CHECK_OK(om->lpVtbl->CreateObject(om, KeyArg(key), InitObj, nullptr, nullptr,
-                                          key % kChains, 0, 0, &held[key], nullptr));
-        if (held[key] != nullptr && w.rng.Chance(30)) {
+        CHECK_OK(om->lpVtbl->CreateObject(om, KeyArg(key), InitObj, nullptr, nullptr, key % 8, 0,
+                                          0, &held[key], nullptr));
+        if (held[key] != nullptr && w.Chance(30)) {
             CHECK_OK(om->lpVtbl->DereferenceObject(om, held[key], 0));
             held[key] = nullptr;
         }
     }
     CHECK(om->lpVtbl->Release(om) == 0, 0);
     for (PVOID user : held) {
-        if (user != nullptr && w.rng.Chance(40)) {
-            std::lock_guard<std::mutex> guard(g_orphanMutex);
-            g_orphans.push_back({om, user});
-        } else if (user != nullptr) {
+        if (user == nullptr) continue;
+        if (w.Chance(40)) {
+            std::lock_guard<std::mutex> guard(g.orphanMutex);
+            g.orphans.push_back({om, user});
+        } else {
             CHECK_OK(om->lpVtbl->DereferenceObject(om, user, 0));
         }
     }
-    DropOrphans(w.rng.Below(8));
+    DropOrphans(w.Below(8));
 }
 
 // Objects of security contexts: the first of a context makes its store.
 void OpSecurity(Worker& w) {
     ISCOM_2* m = g.sc;
-    SCHANDLE sc = {KeyArg(1), KeyArg(1 + w.rng.Below(6))};
-    UINT32 key = w.rng.Below(16);
+    const SCHANDLE sc = {KeyArg(1), KeyArg(1 + w.Below(6))};
+    const UINT32 key = w.Below(16);
     PVOID user = nullptr;
     PVOID found = nullptr;
     if (!CHECK_OK(m->lpVtbl->CreateObject(m, sc, KeyArg(key), InitObj, KeyArg(key), SameKey,
@@ -499,8 +407,8 @@ void OpSecurity(Worker& w) {
     if (CHECK(st == 0 || KS_IS_ERROR(st), st) && st == 0) {
         CHECK_OK(m->lpVtbl->DereferenceObject(m, found, 0));
     }
-    CHECK_OK(w.rng.Chance(40) ? m->lpVtbl->DeleteObject(m, user, 0)
-                              : m->lpVtbl->DereferenceObject(m, user, 0));
+    CHECK_OK(w.Chance(40) ? m->lpVtbl->DeleteObject(m, user, 0)
+                          : m->lpVtbl->DereferenceObject(m, user, 0));
 }
 
 // The child uses the library on what it inherited, with an instance of its
@@ -511,12 +419,12 @@ void OpSecurity(Worker& w) {
 bool g_childMayStartThreads = false;  // probed before the workers start
 void OpFork(Worker& w) {
     std::fflush(nullptr);
-    pid_t pid = fork();
+    const pid_t pid = fork();
     if (pid == 0) {
         alarm(30);
-        w.own = NewInstance();
-        if (w.own == nullptr) _exit(2);
         const int before = g_failures;
+        w.own = KsplTestCreateInstance();
+        if (w.own == nullptr) _exit(2);
         OpMemory(w);
         OpConvert(w);
         if (g_childMayStartThreads) OpScheduled(w);
@@ -531,30 +439,28 @@ void OpFork(Worker& w) {
 
 struct Op {
     const char* name;
-    uint32_t weight;  // forks only from thread 0, at intervals
+    uint32_t weight;  // forks: not drawn, thread 0 forks at intervals
     void (*run)(Worker&);
     std::atomic<unsigned long> count{0};
 };
-Op g_ops[] = {{"memory", 10, OpMemory},        {"locks", 10, OpLocks},
-              {"events", 10, OpEvents},        {"cancel", 3, OpCancel},
-              {"threads", 3, OpThreads},       {"scheduled", 7, OpScheduled},
-              {"convert", 6, OpConvert},       {"config", 3, OpConfig},
-              {"objects", 12, OpObjects},      {"store-release", 5, OpStoreRelease},
-              {"sc", 6, OpSecurity},           {"fork", 0, OpFork}};
-bool g_forks = true;
+Op g_ops[] = {{"fork", 0, OpFork},         {"memory", 10, OpMemory},
+              {"locks", 10, OpLocks},      {"events", 10, OpEvents},
+              {"cancel", 3, OpCancel},     {"threads", 3, OpThreads},
+              {"scheduled", 7, OpScheduled}, {"convert", 6, OpConvert},
+              {"config", 3, OpConfig},     {"objects", 12, OpObjects},
+              {"store-release", 5, OpStoreRelease}, {"sc", 6, OpSecurity}};
 std::atomic<bool> g_stop{false};
 
 void WorkerMain(Worker* w, bool forks) {
     uint32_t total = 0;
     for (const Op& op : g_ops) total += op.weight;
-    auto lastFork = Clock::now();
+    auto lastFork = std::chrono::steady_clock::now();
     while (!g_stop.load(std::memory_order_relaxed)) {
         Op* op = &g_ops[0];
-        if (forks && Clock::now() - lastFork > std::chrono::milliseconds(250)) {
-            lastFork = Clock::now();
-            op = &g_ops[std::size(g_ops) - 1];
+        if (forks && std::chrono::steady_clock::now() - lastFork > std::chrono::milliseconds(250)) {
+            lastFork = std::chrono::steady_clock::now();
         } else {
-            for (uint32_t pick = w->rng.Below(total); pick >= op->weight; ++op) pick -= op->weight;
+            for (uint32_t pick = w->Below(total); pick >= op->weight; ++op) pick -= op->weight;
         }
         op->run(*w);
         op->count.fetch_add(1, std::memory_order_relaxed);
@@ -565,22 +471,21 @@ void WorkerMain(Worker* w, bool forks) {
 // Setup and the final checks.
 
 bool SetUpShared() {
-    for (IKspl*& k : g.inst) {
-        if ((k = NewInstance()) == nullptr) return false;
-    }
-    CHECK_OK(g.inst[0]->lpVtbl->KsoAllocMutex(g.inst[0], 0, &g.mutex));
-    CHECK_OK(g.inst[1]->lpVtbl->KsoAllocSpinLock(g.inst[1], &g.spin));
-    CHECK_OK(g.inst[2]->lpVtbl->KsoAllocReadWriteLock(g.inst[2], &g.rw));
+    static GUID component = {0x50A40001, 1, 2, {3, 4, 5, 6, 7, 8, 9, 10}};
+    for (IKspl*& i : g.inst) i = KsplTestCreateInstance();
+    IKspl* k = g.inst[0];
+    if (std::count(std::begin(g.inst), std::end(g.inst), nullptr) != 0) return false;
+    CHECK_OK(k->lpVtbl->KsoAllocMutex(k, 0, &g.locks[0]));
+    CHECK_OK(k->lpVtbl->KsoAllocSpinLock(g.inst[1], &g.locks[1]));
+    CHECK_OK(k->lpVtbl->KsoAllocReadWriteLock(g.inst[2], &g.locks[2]));
     for (int i = 0; i < 6; ++i) {
-        IKspl* k = g.inst[i % 4];
         CHECK_OK(k->lpVtbl->KsoAllocEvent(
-            k, i % 3 == 2 ? KsoNotificationEvent : KsoSynchronizationEvent, &g.events[i]));
+            g.inst[i % 4], i % 3 == 2 ? KsoNotificationEvent : KsoSynchronizationEvent, &g.events[i]));
     }
     g.stores[0] = NewStore(0, 5, 1);            // read-write locks
     g.stores[1] = NewStore(3, 3, 0);            // mutexes
     g.stores[2] = NewStore(0x10000000u, 4, 0);  // deferred deletion
     g.sc = Create<ISCOM_2>(CLSID_ObjectManagerDataStore, IID_ISCObjectManager_2);
-    static GUID component = {0x50A40001, 1, 2, {3, 4, 5, 6, 7, 8, 9, 10}};
     return g.stores[0] && g.stores[1] && g.stores[2] && g.sc &&
            CHECK_OK(g.sc->lpVtbl->Initialize(g.sc, &component, sizeof(Obj), 4, 0, 4, DeleteObj,
                                              nullptr, nullptr, 0)) &&
@@ -590,22 +495,20 @@ bool SetUpShared() {
 void TearDownShared() {
     DropOrphans(0);
     for (int i = 0; i < 3; ++i) CHECK(g.counts[i] == g.adds[i], i);
-    CHECK_OK(g.inst[0]->lpVtbl->KsoDestroyMutex(g.inst[0], g.mutex));
-    CHECK_OK(g.inst[1]->lpVtbl->KsoDestroySpinLock(g.inst[1], g.spin));
-    CHECK_OK(g.inst[2]->lpVtbl->KsoDestroyReadWriteLock(g.inst[2], g.rw));
-    for (int i = 0; i < 6; ++i) CHECK_OK(g.inst[i % 4]->lpVtbl->KsoDestroyEvent(g.inst[i % 4], g.events[i]));
+    IKspl* k = g.inst[0];
+    CHECK_OK(k->lpVtbl->KsoDestroyMutex(k, g.locks[0]));
+    CHECK_OK(k->lpVtbl->KsoDestroySpinLock(g.inst[1], g.locks[1]));
+    CHECK_OK(k->lpVtbl->KsoDestroyReadWriteLock(g.inst[2], g.locks[2]));
+    for (int i = 0; i < 6; ++i) CHECK_OK(k->lpVtbl->KsoDestroyEvent(g.inst[i % 4], g.events[i]));
     for (IOM_2* s : g.stores) CHECK(s->lpVtbl->Release(s) == 0, 0);
     CHECK(g.sc->lpVtbl->Release(g.sc) == 0, 0);
-    for (IKspl* k : g.inst) ReleaseInstance(k);
+    for (IKspl* i : g.inst) ReleaseInstance(i);
 }
 
 // What must be back where it started once everything is released.
-std::vector<UINT32> Baseline() {
-    std::vector<UINT32> b = InUse(pIKspl);
-    b.push_back(KsAtomicLoad(&InterfaceCount));
-    b.push_back(KsAtomicLoad(&g_ulCount));
-    b.push_back(static_cast<UINT32>(KsAtomicLoad(&g_KsplCurrentThreads)));
-    return b;
+auto Baseline() {
+    return std::make_tuple(KsplInUseCounters(pIKspl), KsAtomicLoad(&InterfaceCount),
+                           KsAtomicLoad(&g_ulCount), KsAtomicLoad(&g_KsplCurrentThreads));
 }
 
 }  // namespace
@@ -613,10 +516,10 @@ std::vector<UINT32> Baseline() {
 int main(int argc, char** argv) {
     double seconds = 10;
     int threads = 6;
-    uint64_t seed = static_cast<uint64_t>(Clock::now().time_since_epoch().count());
+    uint64_t seed = static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
     bool usage = argc % 2 == 0;
     for (int i = 1; i + 1 < argc; i += 2) {
-        std::string a = argv[i];
+        const std::string a = argv[i];
         if (a == "--seconds") {
             seconds = std::atof(argv[i + 1]);
         } else if (a == "--threads") {
@@ -637,33 +540,28 @@ int main(int argc, char** argv) {
     // fork at all.
     g_childMayStartThreads = ChildMayStartThreads();
 #if defined(__SANITIZE_ADDRESS__)
-    g_forks = false;
+    const bool forks = false;
+#else
+    const bool forks = true;
 #endif
 
     // A store of its own; the library's log only for real errors.
-    char dir[] = "/tmp/kspl_soak.XXXXXX";
-    if (mkdtemp(dir) == nullptr) return 1;
-    std::string db = std::string(dir) + "/store.db";
+    const std::string db = "/tmp/kspl_soak." + std::to_string(getpid()) + ".db";
     setenv("ZLREG_DATABASE", db.c_str(), 1);
     setenv("KSPL_DO_NOT_OVERWRITE_OPENLOG", "1", 1);
     openlog("kspl_soak", LOG_NDELAY, LOG_USER);
     setlogmask(LOG_UPTO(LOG_WARNING));
     DllStart();
     OrlmRegisterComponent("kspl (linked in)", DllGetClassObject, nullptr, ZLCOM_Table);
-    IKspl* probe = NewInstance();  // initialises the library
-    if (probe == nullptr) return 1;
-    probe->lpVtbl->Release(probe);
-    const std::vector<UINT32> before = Baseline();
+    ReleaseInstance(KsplTestCreateInstance());  // initialises the library
+    const auto before = Baseline();
 
-    auto start = Clock::now();
-    if (!SetUpShared()) {
-        std::fprintf(stderr, "kspl_soak: FAILED: setup\n");
-        return 1;
-    }
+    const auto start = std::chrono::steady_clock::now();
     std::vector<Worker> workers;
     std::vector<std::thread> running;
-    for (int i = 0; i < threads; ++i) workers.push_back({i, Rng{seed * 0x9E3779B97F4A7C15ull + i * 7919u + 1}});
-    for (int i = 0; i < threads; ++i) running.emplace_back(WorkerMain, &workers[i], g_forks && i == 0);
+    for (int i = 0; i < threads; ++i) workers.push_back({i, std::mt19937_64(seed + i)});
+    if (!CHECK(SetUpShared(), 0)) return 1;
+    for (int i = 0; i < threads; ++i) running.emplace_back(WorkerMain, &workers[i], forks && i == 0);
     std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
     g_stop = true;
     for (std::thread& t : running) t.join();
@@ -671,19 +569,17 @@ int main(int argc, char** argv) {
 
     // Deletion threads end on their own; their records go back to the
     // global instance just after they leave the thread count.
-    for (int i = 0; i < 60000 && Baseline() != before; ++i) usleep(500);
-    CHECK(Baseline() == before, 0);
+    CHECK(WaitFor([&] { return Baseline() == before; }), 0);
     CHECK(g_inits == g_deletes, g_inits - g_deletes);
     ZLRegSetDatabasePath(nullptr);
     for (const char* suffix : {"", "-wal", "-shm", "-journal"}) unlink((db + suffix).c_str());
-    rmdir(dir);
 
     std::string detail;
-    for (const Op& op : g_ops) detail += std::string(detail.empty() ? "" : ", ") + op.name + " " + std::to_string(op.count);
-    std::printf("kspl_soak: %s in %.1f s, %d threads, seed %llu (%s), %ld objects, %d failures\n",
+    for (const Op& op : g_ops) detail += std::string(" ") + op.name + " " + std::to_string(op.count);
+    std::printf("kspl_soak: %s in %.1f s, %d threads, seed %llu,%s, %ld objects, %d failures\n",
                 g_failures == 0 ? "OK" : "FAILED",
-                std::chrono::duration<double>(Clock::now() - start).count(), threads,
-                static_cast<unsigned long long>(seed), detail.c_str(), g_inits.load(),
+                std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(),
+                threads, static_cast<unsigned long long>(seed), detail.c_str(), g_inits.load(),
                 g_failures.load());
     return g_failures == 0 ? 0 : 1;
 }
