@@ -19,8 +19,10 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <cinttypes>
 #include <cstring>
 #include <deque>
+#include <map>
 #include <random>
 
 #include "kspl_test.h"
@@ -51,7 +53,8 @@ void ReleaseInstance(IKspl* k) {
     CHECK(k->lpVtbl->Release(k) == 0, 1);
 }
 
-// Objects: a magic number while alive; every init matched by one delete.
+// Objects carry a magic number while alive; every init is matched by
+// exactly one delete.
 std::atomic<long> g_inits{0};
 std::atomic<long> g_deletes{0};
 constexpr UINT32 kMagic = 0x50A4C0DE;
@@ -92,7 +95,7 @@ struct Shared {
     UINT32 counts[3] = {};  // each guarded by its lock
     std::atomic<unsigned long> adds[3] = {};
     HANDLE events[6] = {};
-    IOM_2* stores[3] = {};
+    IOM_2* stores[3] = {};  // read-write locks, mutexes, deferred deletion
     ISCOM_2* sc = nullptr;
     std::mutex orphanMutex;  // objects of released stores, dropped later by any thread
     std::deque<std::pair<IOM_2*, PVOID>> orphans;
@@ -117,7 +120,6 @@ struct Worker {
 void OpMemory(Worker& w) {
     const bool fresh = w.own == nullptr && w.Chance(20);
     IKspl* k = fresh ? KsplTestCreateInstance() : w.Pick();
-    if (!CHECK(k != nullptr, 0)) return;
     std::vector<UINT8> stats(64 * 1024);
     UINT32 size = static_cast<UINT32>(stats.size());
     if (fresh && CHECK_OK(k->lpVtbl->KsoRegisterModuleName(k, const_cast<char*>("soak")))) {
@@ -128,7 +130,6 @@ void OpMemory(Worker& w) {
         size = 1 + w.Below(w.Chance(10) ? 70000 : 300);
         auto* p = static_cast<UCHAR*>(w.Chance(50) ? k->lpVtbl->KsoAllocPagedMemory(k, size)
                                                    : k->lpVtbl->KsoAllocNonPagedMemory(k, size));
-        if (!CHECK(p != nullptr, size)) continue;
         k->lpVtbl->KsoFillMemory(k, p, size, i);
         CHECK(p[0] == i && p[size - 1] == i, i);
         CHECK_OK(k->lpVtbl->KsoFreeMemory(k, p));
@@ -142,16 +143,16 @@ void OpLocks(Worker& w) {
     IKspl* k = w.Pick();
     const IKsplVtbl* v = k->lpVtbl;
     for (int i = 0; i < 20; ++i) {
-        const UINT32 kind = w.Below(4);  // the last: reading under the read-write lock
+        const UINT32 kind = w.Below(4);  // the last reads under the read-write lock
         const BOOLEAN wait = w.Chance(70);
-        HANDLE lock = g.locks[kind < 2 ? kind : 2];
+        HANDLE lock = g.locks[std::min(kind, 2u)];
         KSSPIN_STATE prev;
         KSSTATUS st = kind == 0   ? v->KsoAcquireMutex(k, lock)
                       : kind == 1 ? v->KsoAcquireSpinLock(k, lock, &prev)
                       : kind == 2 ? v->KsoAcquireLockForWriteAccess(k, lock, wait)
                                   : v->KsoAcquireLockForReadAccess(k, lock, wait);
         if (!CHECK(st == 0 || (kind > 1 && !wait && st == KsplErr(4098)), st) || st != 0) continue;
-        const UINT32 seen = g.counts[kind < 2 ? kind : 2];
+        const UINT32 seen = g.counts[std::min(kind, 2u)];
         if (kind < 3) g.counts[kind] = seen + 1;
         CHECK_OK(kind == 0   ? v->KsoReleaseMutex(k, lock)
                  : kind == 1 ? v->KsoReleaseSpinLock(k, lock, prev)
@@ -197,15 +198,14 @@ void OpCancel(Worker& w) {
     for (HANDLE& e : events) CHECK_OK(k->lpVtbl->KsoAllocEvent(k, KsoSynchronizationEvent, &e));
     const bool signal = w.Chance(25);
     pthread_t t;
-    if (CHECK(pthread_create(&t, nullptr, run, &body) == 0, 0)) {
-        while (!entered) std::this_thread::yield();
-        std::this_thread::sleep_for(std::chrono::microseconds(w.Below(3000)));
-        if (signal) CHECK_OK(k->lpVtbl->KsoSignalEvent(k, events[0], nullptr));
-        pthread_cancel(t);
-        void* res = nullptr;
-        pthread_join(t, &res);
-        CHECK(res == PTHREAD_CANCELED || signal, 0);
-    }
+    void* res = nullptr;
+    CHECK(pthread_create(&t, nullptr, run, &body) == 0, 0);
+    while (!entered) std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::microseconds(w.Below(3000)));
+    if (signal) CHECK_OK(k->lpVtbl->KsoSignalEvent(k, events[0], nullptr));
+    pthread_cancel(t);
+    pthread_join(t, &res);
+    CHECK(res == PTHREAD_CANCELED || signal, 0);
     for (HANDLE e : events) CHECK_OK(k->lpVtbl->KsoDestroyEvent(k, e));
 }
 
@@ -234,9 +234,9 @@ void OpThreads(Worker& w) {
     CHECK_OK(k->lpVtbl->KsoDestroyThread(k, t));
 }
 
-// A work item or a timer scheduled twice per round (a pending one refuses
-// the second), a timer perhaps cancelled: every run due must happen, and
-// `finished` is the routine's last touch of the context.
+// A work item or a timer scheduled again and again (a pending one refuses),
+// a timer perhaps cancelled: every run due must happen, and `finished` is
+// the routine's last touch of the context.
 struct Signal {
     IKspl* k;
     HANDLE done;
@@ -255,17 +255,17 @@ void OpScheduled(Worker& w) {
     Signal s{k, nullptr};
     HANDLE h = nullptr;
     const bool timer = w.Chance(40);
-    if (!CHECK_OK(v->KsoAllocEvent(k, KsoNotificationEvent, &s.done))) return;
+    int due = 0;
+    CHECK_OK(v->KsoAllocEvent(k, KsoNotificationEvent, &s.done));
     CHECK_OK(timer ? v->KsoAllocTimer(k, SignalRoutine, &s, FALSE, &h)
                    : v->KsoAllocWorkItem(k, SignalRoutine, &s, &h));
-    int due = 0;
-    for (int i = 0; h != nullptr && i < 6; ++i) {
+    for (int i = 0; i < 6; ++i) {
         if (i % 2 == 0) CHECK_OK(v->KsoResetEvent(k, s.done, nullptr));
         KSSTATUS st = timer ? v->KsoScheduleTimer(k, h, w.Below(40000))
                             : v->KsoScheduleWorkItem(k, h, static_cast<KSO_PRIORITY>(w.Below(3)));
         due += CHECK(st == 0 || st == KsplErr(4099), st) && st == 0;
         if (timer && w.Chance(20) && v->KsoCancelTimer(k, h)) --due;
-        // Without a cancel, a round with runs due signals the event.
+        // Without cancels, a pair of schedules with runs due signals the event.
         if (!timer && i % 2 == 1 && due > 0 && w.Chance(50)) {
             CHECK_OK(v->KsoWaitForSingleEvent(k, s.done, 20000000));
         }
@@ -280,13 +280,13 @@ void OpScheduled(Worker& w) {
 void OpConvert(Worker& w) {
     IKspl* k = w.Pick();
     const UINT32 len = 1 + w.Below(w.Chance(20) ? 900 : 60);
+    const UINT32 cp = 1 + w.Below(5);
     std::string text(len, 'a');
     for (char& c : text) c = static_cast<char>('a' + w.Below(26));
     std::vector<WCHAR> wide(len + 1);
     std::string back(len + 1, '\0');
     UINT32 units = len + 1;
     UINT32 bytes = len + 1;
-    const UINT32 cp = 1 + w.Below(5);
     CHECK_OK(k->lpVtbl->KsoMultiByteToWideChar(k, cp, text.data(), -1, wide.data(), &units));
     CHECK_OK(k->lpVtbl->KsoWideCharToMultiByte(k, cp, wide.data(), -1, back.data(), &bytes));
     CHECK(units == len && bytes == len && back.compare(0, len, text) == 0, bytes);
@@ -294,25 +294,21 @@ void OpConvert(Worker& w) {
     CHECK(k->lpVtbl->KsoEqualUnicodeString(k, &a, &a, TRUE) == TRUE, 0);
 }
 
-// A key per thread: a value written, read back, enumerated, deleted.
+// A key per thread: a value written, read back, perhaps deleted.
 void OpConfig(Worker& w) {
     IKspl* k = w.Pick();
     WCHAR name[] = {'S', 'o', 'a', 'k', '\\', static_cast<WCHAR>('A' + w.id), 0};
     WCHAR value[] = {'v', static_cast<WCHAR>('0' + w.Below(8)), 0};
-    HANDLE key = nullptr;
-    if (!CHECK_OK(k->lpVtbl->KsoCreateKey(k, name, KSO_KEY_ALL_ACCESS, &key))) return;
     UINT32 number = static_cast<UINT32>(w.rng());
     UINT8 info[512];
     UINT32 result = 0;
-    UINT32 offset = 0;
     UINT32 stored = 0;
+    HANDLE key = nullptr;
+    CHECK_OK(k->lpVtbl->KsoCreateKey(k, name, KSO_KEY_ALL_ACCESS, &key));
     CHECK_OK(k->lpVtbl->KsoSetValueKey(k, key, value, KSO_REG_UINT32, &number, 4));
     CHECK_OK(k->lpVtbl->KsoQueryValueKey(k, key, value, info, sizeof info, &result));
-    std::memcpy(&offset, info + offsetof(KSO_KEY_VALUE_INFORMATION, ValueOffset), 4);
-    std::memcpy(&stored, info + std::min<UINT32>(offset, sizeof info - 4), 4);
-    CHECK(stored == number, offset);
-    KSSTATUS st = k->lpVtbl->KsoEnumerateValueKey(k, key, w.Below(4), info, sizeof info, &result);
-    CHECK(st == 0 || KS_IS_ERROR(st), st);
+    std::memcpy(&stored, info + sizeof(KSO_KEY_VALUE_INFORMATION) + sizeof value, 4);
+    CHECK(stored == number, stored);
     if (w.Chance(30)) CHECK_OK(k->lpVtbl->KsoDeleteValue(k, key, value));
     CHECK_OK(k->lpVtbl->KsoCloseKey(k, key));
 }
@@ -328,11 +324,9 @@ void OpObjects(Worker& w) {
         const UINT32 key = w.Below(48);
         const UINT32 access = w.Below(3);
         HANDLE h = nullptr;
-        if (!CHECK_OK(v->CreateObject(om, KeyArg(key), InitObj, KeyArg(key), SameKey, key % 8,
-                                      access, access, &user, nullptr)) ||
-            !Alive(user, key)) {
-            continue;
-        }
+        CHECK_OK(v->CreateObject(om, KeyArg(key), InitObj, KeyArg(key), SameKey, key % 8, access,
+                                 access, &user, nullptr));
+        Alive(user, key);
         CHECK_OK(v->GetObjectHandle(om, user, &h));
         if (access != 0) CHECK_OK(v->ReleaseObject(om, user));
         KSSTATUS st = v->FindObject(om, KeyArg(key), SameKey, key % 8, access, &other);
@@ -368,25 +362,22 @@ void DropOrphans(size_t keep) {
 void OpStoreRelease(Worker& w) {
     UINT32 level = (w.Chance(50) ? 0u : 3u) | (w.Chance(40) ? 0x10000000u : 0u);
     IOM_2* om = NewStore(level, static_cast<UINT16>(1 + w.Below(6)), w.Below(3));
-    if (!CHECK(om != nullptr, level)) return;
     std::vector<PVOID> held(1 + w.Below(12));
     for (UINT32 key = 0; key < held.size(); ++key) {
         CHECK_OK(om->lpVtbl->CreateObject(om, KeyArg(key), InitObj, nullptr, nullptr, key % 8, 0,
                                           0, &held[key], nullptr));
-        if (held[key] != nullptr && w.Chance(30)) {
-            CHECK_OK(om->lpVtbl->DereferenceObject(om, held[key], 0));
-            held[key] = nullptr;
+        // Dropped now, before the release, or after it by this thread or another.
+        const UINT32 when = w.Below(10);
+        if (when < 3) CHECK_OK(om->lpVtbl->DereferenceObject(om, held[key], 0));
+        if (when >= 3 && when < 6) {
+            std::lock_guard<std::mutex> guard(g.orphanMutex);
+            g.orphans.push_back({om, held[key]});
         }
+        if (when < 6) held[key] = nullptr;
     }
     CHECK(om->lpVtbl->Release(om) == 0, 0);
     for (PVOID user : held) {
-        if (user == nullptr) continue;
-        if (w.Chance(40)) {
-            std::lock_guard<std::mutex> guard(g.orphanMutex);
-            g.orphans.push_back({om, user});
-        } else {
-            CHECK_OK(om->lpVtbl->DereferenceObject(om, user, 0));
-        }
+        if (user != nullptr) CHECK_OK(om->lpVtbl->DereferenceObject(om, user, 0));
     }
     DropOrphans(w.Below(8));
 }
@@ -398,11 +389,9 @@ void OpSecurity(Worker& w) {
     const UINT32 key = w.Below(16);
     PVOID user = nullptr;
     PVOID found = nullptr;
-    if (!CHECK_OK(m->lpVtbl->CreateObject(m, sc, KeyArg(key), InitObj, KeyArg(key), SameKey,
-                                          key % 4, 0, 0, &user, nullptr)) ||
-        !Alive(user, key)) {
-        return;
-    }
+    CHECK_OK(m->lpVtbl->CreateObject(m, sc, KeyArg(key), InitObj, KeyArg(key), SameKey, key % 4,
+                                     0, 0, &user, nullptr));
+    Alive(user, key);
     KSSTATUS st = m->lpVtbl->FindObject(m, sc, KeyArg(key), SameKey, key % 4, 0, &found);
     if (CHECK(st == 0 || KS_IS_ERROR(st), st) && st == 0) {
         CHECK_OK(m->lpVtbl->DereferenceObject(m, found, 0));
@@ -422,27 +411,25 @@ void OpFork(Worker& w) {
     const pid_t pid = fork();
     if (pid == 0) {
         alarm(30);
-        const int before = g_failures;
         w.own = KsplTestCreateInstance();
-        if (w.own == nullptr) _exit(2);
         OpMemory(w);
         OpConvert(w);
         if (g_childMayStartThreads) OpScheduled(w);
         ReleaseInstance(w.own);
-        _exit(g_failures == before ? 0 : 1);
+        _exit(g_failures == 0 ? 0 : 1);
     }
     int status = 0;
-    if (CHECK(pid > 0, 0) && CHECK(waitpid(pid, &status, 0) == pid, 0)) {
-        CHECK(WIFEXITED(status) && WEXITSTATUS(status) == 0, status);
-    }
+    CHECK(pid > 0 && waitpid(pid, &status, 0) == pid, pid);
+    CHECK(WIFEXITED(status) && WEXITSTATUS(status) == 0, status);
 }
 
 struct Op {
     const char* name;
-    uint32_t weight;  // forks: not drawn, thread 0 forks at intervals
+    uint32_t weight;
     void (*run)(Worker&);
     std::atomic<unsigned long> count{0};
 };
+// Forks are not drawn: thread 0 forks at intervals.
 Op g_ops[] = {{"fork", 0, OpFork},         {"memory", 10, OpMemory},
               {"locks", 10, OpLocks},      {"events", 10, OpEvents},
               {"cancel", 3, OpCancel},     {"threads", 3, OpThreads},
@@ -454,8 +441,7 @@ std::atomic<bool> g_stop{false};
 void WorkerMain(Worker* w, bool forks) {
     uint32_t total = 0;
     for (const Op& op : g_ops) total += op.weight;
-    auto lastFork = std::chrono::steady_clock::now();
-    while (!g_stop.load(std::memory_order_relaxed)) {
+    for (auto lastFork = std::chrono::steady_clock::now(); !g_stop;) {
         Op* op = &g_ops[0];
         if (forks && std::chrono::steady_clock::now() - lastFork > std::chrono::milliseconds(250)) {
             lastFork = std::chrono::steady_clock::now();
@@ -468,35 +454,32 @@ void WorkerMain(Worker* w, bool forks) {
 }
 
 // ---------------------------------------------------------------------------
-// Setup and the final checks.
+// Setup and the final checks (run with the workers stopped).
 
-bool SetUpShared() {
+void SetUpShared() {
     static GUID component = {0x50A40001, 1, 2, {3, 4, 5, 6, 7, 8, 9, 10}};
     for (IKspl*& i : g.inst) i = KsplTestCreateInstance();
     IKspl* k = g.inst[0];
-    if (std::count(std::begin(g.inst), std::end(g.inst), nullptr) != 0) return false;
-    CHECK_OK(k->lpVtbl->KsoAllocMutex(k, 0, &g.locks[0]));
+    CHECK_OK(k->lpVtbl->KsoAllocMutex(g.inst[0], 0, &g.locks[0]));
     CHECK_OK(k->lpVtbl->KsoAllocSpinLock(g.inst[1], &g.locks[1]));
     CHECK_OK(k->lpVtbl->KsoAllocReadWriteLock(g.inst[2], &g.locks[2]));
     for (int i = 0; i < 6; ++i) {
-        CHECK_OK(k->lpVtbl->KsoAllocEvent(
-            g.inst[i % 4], i % 3 == 2 ? KsoNotificationEvent : KsoSynchronizationEvent, &g.events[i]));
+        auto type = i % 3 == 2 ? KsoNotificationEvent : KsoSynchronizationEvent;
+        CHECK_OK(k->lpVtbl->KsoAllocEvent(g.inst[i % 4], type, &g.events[i]));
     }
-    g.stores[0] = NewStore(0, 5, 1);            // read-write locks
-    g.stores[1] = NewStore(3, 3, 0);            // mutexes
-    g.stores[2] = NewStore(0x10000000u, 4, 0);  // deferred deletion
+    g.stores[0] = NewStore(0, 5, 1);
+    g.stores[1] = NewStore(3, 3, 0);
+    g.stores[2] = NewStore(0x10000000u, 4, 0);
     g.sc = Create<ISCOM_2>(CLSID_ObjectManagerDataStore, IID_ISCObjectManager_2);
-    return g.stores[0] && g.stores[1] && g.stores[2] && g.sc &&
-           CHECK_OK(g.sc->lpVtbl->Initialize(g.sc, &component, sizeof(Obj), 4, 0, 4, DeleteObj,
-                                             nullptr, nullptr, 0)) &&
-           g_failures == 0;
+    CHECK_OK(g.sc->lpVtbl->Initialize(g.sc, &component, sizeof(Obj), 4, 0, 4, DeleteObj, nullptr,
+                                      nullptr, 0));
 }
 
 void TearDownShared() {
     DropOrphans(0);
     for (int i = 0; i < 3; ++i) CHECK(g.counts[i] == g.adds[i], i);
     IKspl* k = g.inst[0];
-    CHECK_OK(k->lpVtbl->KsoDestroyMutex(k, g.locks[0]));
+    CHECK_OK(k->lpVtbl->KsoDestroyMutex(g.inst[0], g.locks[0]));
     CHECK_OK(k->lpVtbl->KsoDestroySpinLock(g.inst[1], g.locks[1]));
     CHECK_OK(k->lpVtbl->KsoDestroyReadWriteLock(g.inst[2], g.locks[2]));
     for (int i = 0; i < 6; ++i) CHECK_OK(k->lpVtbl->KsoDestroyEvent(g.inst[i % 4], g.events[i]));
@@ -514,26 +497,21 @@ auto Baseline() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    double seconds = 10;
-    int threads = 6;
-    uint64_t seed = static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
-    bool usage = argc % 2 == 0;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        const std::string a = argv[i];
-        if (a == "--seconds") {
-            seconds = std::atof(argv[i + 1]);
-        } else if (a == "--threads") {
-            threads = std::atoi(argv[i + 1]);
-        } else if (a == "--seed") {
-            seed = std::strtoull(argv[i + 1], nullptr, 0);
-        } else {
-            usage = true;
-        }
+    uint64_t seconds = 10;
+    uint64_t threads = 6;
+    uint64_t seed = std::chrono::steady_clock::now().time_since_epoch().count();
+    std::map<std::string, uint64_t*> options = {
+        {"--seconds", &seconds}, {"--threads", &threads}, {"--seed", &seed}};
+    for (int i = 1; i < argc; i += 2) {
+        if (i + 1 == argc || options.count(argv[i]) == 0) threads = 0;
+        if (threads != 0) *options[argv[i]] = std::strtoull(argv[i + 1], nullptr, 0);
     }
-    if (usage || threads < 1 || threads > 8 || !(seconds > 0)) {
+    if (threads < 1 || threads > 8 || seconds == 0) {
         std::fprintf(stderr, "usage: kspl_soak [--seconds N] [--threads 1-8] [--seed N]\n");
         return 2;
     }
+    std::printf("kspl_soak: seed %" PRIu64 "\n", seed);
+    std::fflush(stdout);
     // Probed while the process has one thread. AddressSanitizer's allocator
     // is not held across fork(): a child forked while another thread
     // allocates can hang in its first allocation, so that build does not
@@ -555,14 +533,12 @@ int main(int argc, char** argv) {
     OrlmRegisterComponent("kspl (linked in)", DllGetClassObject, nullptr, ZLCOM_Table);
     ReleaseInstance(KsplTestCreateInstance());  // initialises the library
     const auto before = Baseline();
-
-    const auto start = std::chrono::steady_clock::now();
+    SetUpShared();
     std::vector<Worker> workers;
     std::vector<std::thread> running;
-    for (int i = 0; i < threads; ++i) workers.push_back({i, std::mt19937_64(seed + i)});
-    if (!CHECK(SetUpShared(), 0)) return 1;
-    for (int i = 0; i < threads; ++i) running.emplace_back(WorkerMain, &workers[i], forks && i == 0);
-    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+    for (int i = 0; i < static_cast<int>(threads); ++i) workers.push_back({i, std::mt19937_64(seed + i)});
+    for (Worker& w : workers) running.emplace_back(WorkerMain, &w, forks && w.id == 0);
+    std::this_thread::sleep_for(std::chrono::seconds(seconds));
     g_stop = true;
     for (std::thread& t : running) t.join();
     TearDownShared();
@@ -575,11 +551,10 @@ int main(int argc, char** argv) {
     for (const char* suffix : {"", "-wal", "-shm", "-journal"}) unlink((db + suffix).c_str());
 
     std::string detail;
-    for (const Op& op : g_ops) detail += std::string(" ") + op.name + " " + std::to_string(op.count);
-    std::printf("kspl_soak: %s in %.1f s, %d threads, seed %llu,%s, %ld objects, %d failures\n",
-                g_failures == 0 ? "OK" : "FAILED",
-                std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(),
-                threads, static_cast<unsigned long long>(seed), detail.c_str(), g_inits.load(),
-                g_failures.load());
+    for (const Op& op : g_ops) detail += std::string(", ") + op.name + " " + std::to_string(op.count);
+    std::printf("kspl_soak: %s, %d failures, %" PRIu64 " s, %" PRIu64 " threads, seed %" PRIu64
+                ", %ld objects%s\n",
+                g_failures == 0 ? "OK" : "FAILED", g_failures.load(), seconds, threads, seed,
+                g_inits.load(), detail.c_str());
     return g_failures == 0 ? 0 : 1;
 }
