@@ -136,7 +136,7 @@ TEST_P(Fx, FailsCleanlyAtEveryAllocation) {
             }
             row.check(*this, failed);
             if (HasFatalFailure()) return;
-            EXPECT_TRUE(WaitUntil([&] { return Take(k) == before; })) << "state left behind";
+            ASSERT_TRUE(WaitUntil([&] { return Take(k) == before; })) << "state left behind";
             if (!failed) {
                 EXPECT_EQ(seen, row.allocations) << "allocations of a clean run";
                 break;
