@@ -31,6 +31,7 @@
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
 std::atomic<int> g_failures{0};
 bool Check(bool ok, int line, const char* what, unsigned long long got) {
     if (!ok && g_failures.fetch_add(1) < 20) {
@@ -225,7 +226,7 @@ void OpThreads(Worker& w) {
     ThreadArg arg{w.Pick(), w.Below(3000), w.Chance(40)};
     IKspl* k = arg.k;
     HANDLE t = nullptr;
-    auto priority = static_cast<KSO_PRIORITY>(w.Below(3));
+    auto priority = w.Below(3);
     if (!CHECK_OK(k->lpVtbl->KsoCreateThread(k, priority, ClientThread, &arg, &t))) return;
     KSSTATUS st = k->lpVtbl->KsoWaitForThreadExit(k, t, w.Timeout());
     CHECK(st == 0 || st == KsplErr(10), st);
@@ -236,7 +237,8 @@ void OpThreads(Worker& w) {
 
 // A work item or a timer scheduled again and again (a pending one refuses),
 // a timer perhaps cancelled: every run due must happen, and `finished` is
-// the routine's last touch of the context.
+// the routine's last touch of the context (its event, signalled from the
+// pool's threads, goes with it).
 struct Signal {
     IKspl* k;
     HANDLE done;
@@ -260,15 +262,11 @@ void OpScheduled(Worker& w) {
     CHECK_OK(timer ? v->KsoAllocTimer(k, SignalRoutine, &s, FALSE, &h)
                    : v->KsoAllocWorkItem(k, SignalRoutine, &s, &h));
     for (int i = 0; i < 6; ++i) {
-        if (i % 2 == 0) CHECK_OK(v->KsoResetEvent(k, s.done, nullptr));
         KSSTATUS st = timer ? v->KsoScheduleTimer(k, h, w.Below(40000))
-                            : v->KsoScheduleWorkItem(k, h, static_cast<KSO_PRIORITY>(w.Below(3)));
+                            : v->KsoScheduleWorkItem(k, h, w.Below(3));
         due += CHECK(st == 0 || st == KsplErr(4099), st) && st == 0;
         if (timer && w.Chance(20) && v->KsoCancelTimer(k, h)) --due;
-        // Without cancels, a pair of schedules with runs due signals the event.
-        if (!timer && i % 2 == 1 && due > 0 && w.Chance(50)) {
-            CHECK_OK(v->KsoWaitForSingleEvent(k, s.done, 20000000));
-        }
+        if (w.Chance(20)) std::this_thread::sleep_for(std::chrono::microseconds(w.Below(2000)));
     }
     CHECK(WaitFor([&] { return s.finished == due; }) && s.runs == due, s.runs.load());
     CHECK_OK(timer ? v->KsoDestroyTimer(k, h) : v->KsoDestroyWorkItem(k, h));
@@ -318,8 +316,7 @@ void OpConfig(Worker& w) {
 void OpObjects(Worker& w) {
     IOM_2* om = g.stores[w.Below(3)];
     const IOM_2Vtbl* v = om->lpVtbl;
-    PVOID user = nullptr;
-    PVOID other = nullptr;
+    PVOID user = nullptr, other = nullptr;
     for (int i = 0; i < 6; ++i) {
         const UINT32 key = w.Below(48);
         const UINT32 access = w.Below(3);
@@ -441,13 +438,11 @@ std::atomic<bool> g_stop{false};
 void WorkerMain(Worker* w, bool forks) {
     uint32_t total = 0;
     for (const Op& op : g_ops) total += op.weight;
-    for (auto lastFork = std::chrono::steady_clock::now(); !g_stop;) {
+    for (auto lastFork = Clock::now(); !g_stop;) {
         Op* op = &g_ops[0];
-        if (forks && std::chrono::steady_clock::now() - lastFork > std::chrono::milliseconds(250)) {
-            lastFork = std::chrono::steady_clock::now();
-        } else {
-            for (uint32_t pick = w->Below(total); pick >= op->weight; ++op) pick -= op->weight;
-        }
+        const bool fork = forks && Clock::now() - lastFork > std::chrono::milliseconds(250);
+        for (uint32_t pick = w->Below(total); !fork && pick >= op->weight; ++op) pick -= op->weight;
+        if (fork) lastFork = Clock::now();
         op->run(*w);
         op->count.fetch_add(1, std::memory_order_relaxed);
     }
@@ -463,9 +458,8 @@ void SetUpShared() {
     CHECK_OK(k->lpVtbl->KsoAllocMutex(g.inst[0], 0, &g.locks[0]));
     CHECK_OK(k->lpVtbl->KsoAllocSpinLock(g.inst[1], &g.locks[1]));
     CHECK_OK(k->lpVtbl->KsoAllocReadWriteLock(g.inst[2], &g.locks[2]));
-    for (int i = 0; i < 6; ++i) {
-        auto type = i % 3 == 2 ? KsoNotificationEvent : KsoSynchronizationEvent;
-        CHECK_OK(k->lpVtbl->KsoAllocEvent(g.inst[i % 4], type, &g.events[i]));
+    for (int i = 0; i < 6; ++i) {  // odd ones: notification events
+        CHECK_OK(k->lpVtbl->KsoAllocEvent(g.inst[i % 4], i % 2, &g.events[i]));
     }
     g.stores[0] = NewStore(0, 5, 1);
     g.stores[1] = NewStore(3, 3, 0);
@@ -499,7 +493,7 @@ auto Baseline() {
 int main(int argc, char** argv) {
     uint64_t seconds = 10;
     uint64_t threads = 6;
-    uint64_t seed = std::chrono::steady_clock::now().time_since_epoch().count();
+    uint64_t seed = Clock::now().time_since_epoch().count();
     std::map<std::string, uint64_t*> options = {
         {"--seconds", &seconds}, {"--threads", &threads}, {"--seed", &seed}};
     for (int i = 1; i < argc; i += 2) {
@@ -536,7 +530,9 @@ int main(int argc, char** argv) {
     SetUpShared();
     std::vector<Worker> workers;
     std::vector<std::thread> running;
-    for (int i = 0; i < static_cast<int>(threads); ++i) workers.push_back({i, std::mt19937_64(seed + i)});
+    for (uint64_t i = 0; i < threads; ++i) {
+        workers.push_back({static_cast<int>(i), std::mt19937_64(seed + i)});
+    }
     for (Worker& w : workers) running.emplace_back(WorkerMain, &w, forks && w.id == 0);
     std::this_thread::sleep_for(std::chrono::seconds(seconds));
     g_stop = true;
@@ -551,7 +547,9 @@ int main(int argc, char** argv) {
     for (const char* suffix : {"", "-wal", "-shm", "-journal"}) unlink((db + suffix).c_str());
 
     std::string detail;
-    for (const Op& op : g_ops) detail += std::string(", ") + op.name + " " + std::to_string(op.count);
+    for (const Op& op : g_ops) {
+        detail += ", " + std::string(op.name) + " " + std::to_string(op.count);
+    }
     std::printf("kspl_soak: %s, %d failures, %" PRIu64 " s, %" PRIu64 " threads, seed %" PRIu64
                 ", %ld objects%s\n",
                 g_failures == 0 ? "OK" : "FAILED", g_failures.load(), seconds, threads, seed,
