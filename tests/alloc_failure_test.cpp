@@ -133,7 +133,7 @@ TEST_P(Fx, FailsCleanlyAtEveryAllocation) {
                 EXPECT_TRUE(built.WasBuilt(st, row.builtBy ? row.builtBy : row.fn) ||
                             built.WasBuilt(st, "KsoWideCharToMultiByte") ||
                             built.WasBuilt(st, "KsoMultiByteToWideChar"));
-                EXPECT_TRUE(!row.clearsOut || out == nullptr);
+                EXPECT_TRUE(!row.clearsOut || out == nullptr) << "out-pointer left set";
             }
             row.check(*this, failed);
             if (HasFatalFailure()) return;

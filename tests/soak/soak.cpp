@@ -200,7 +200,7 @@ void OpCancel(Worker& w) {
     const bool signal = w.Chance(25);
     pthread_t t;
     void* res = nullptr;
-    CHECK(pthread_create(&t, nullptr, run, &body) == 0, 0);
+    if (!CHECK(pthread_create(&t, nullptr, run, &body) == 0, 0)) return;
     while (!entered) std::this_thread::yield();
     std::this_thread::sleep_for(std::chrono::microseconds(w.Below(3000)));
     if (signal) CHECK_OK(k->lpVtbl->KsoSignalEvent(k, events[0], nullptr));
