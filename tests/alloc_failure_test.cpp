@@ -14,7 +14,7 @@
 
 #include "conv_test_util.h"
 #include "linklist_int.h"
-#include "object_test_util.h"
+#include "om_fixture.h"
 #include "schedule_int.h"
 #include "sync_int.h"
 #include "sysalloc_int.h"
@@ -60,7 +60,6 @@ public:
     using KsplTest::v;
     using OmTest::MakeStore;
     using OmTest::Info;
-    using OmTest::NewStore;
 
     void SetUp() override {
         setenv("ZLREG_DATABASE", db_.c_str(), 1);
@@ -137,7 +136,7 @@ TEST_P(Fx, FailsCleanlyAtEveryAllocation) {
             }
             row.check(*this, failed);
             if (HasFatalFailure()) return;
-            ASSERT_TRUE(WaitUntil([&] { return Take(k) == before; })) << "state left behind";
+            ASSERT_TRUE(WaitFor([&] { return Take(k) == before; })) << "state left behind";
             if (!failed) {
                 EXPECT_EQ(seen, row.allocations) << "allocations of a clean run";
                 break;
@@ -196,7 +195,7 @@ Row MultiWait(BOOLEAN all, bool firstSet) {
 // record as new, so that it initialises cleanly afterwards.
 Row StoreInit(UINT32 level, unsigned allocations) {
     return {.fn = "InternalInitialize", .allocations = allocations, .noMemory = KsplOmErr(5),
-            .setup = [](Fx& f) { f.om = Fx::NewStore(); },
+            .setup = [](Fx& f) { f.om = NewStore(); },
             .call = [level](Fx& f) {
                 return f.om->lpVtbl->Initialize(f.om, sizeof(Item), 4, level, 1, DeleteItem,
                                                 nullptr, nullptr, 2);
@@ -351,7 +350,7 @@ const Row kRows[] = {
                                         &f.user, nullptr);
              f.om->lpVtbl->DeleteObject(f.om, f.user, 0);
          }
-         EXPECT_TRUE(WaitUntil([&] { return g_routines.deletes == (failed ? 2 : 1); }));
+         EXPECT_TRUE(WaitFor([&] { return g_routines.deletes == (failed ? 2 : 1); }));
          f.om->lpVtbl->Release(f.om);
      }},
     // The first object of a security context makes the context's store:
@@ -360,7 +359,7 @@ const Row kRows[] = {
      .builtBy = "",
      .setup = [](Fx& f) {
          static GUID component = {0x5C0BA110, 0x1, 0x2, {1, 2, 3, 4, 5, 6, 7, 8}};
-         f.sc = reinterpret_cast<ISCOM_2*>(Fx::NewStore(IID_ISCObjectManager_2));
+         f.sc = reinterpret_cast<ISCOM_2*>(NewStore(IID_ISCObjectManager_2));
          ASSERT_EQ(f.sc->lpVtbl->Initialize(f.sc, &component, sizeof(Item), 4, 0, 2, DeleteItem,
                                             nullptr, nullptr, 0),
                    0u);
