@@ -361,30 +361,28 @@ int DecodeUtf8(const unsigned char* in, int n, WCHAR* out, int capacity, int* pO
         pos = 4;
         if (kCheck && pos < n && produced >= capacity) return Fail(pOut);
     }
-    int ascii = 0;  // ASCII bytes in a row
     while (pos < n) {
         const unsigned b = in[pos];
         if (b < 0x80) {
-            out[produced++] = static_cast<WCHAR>(b);
-            pos += 1;
-            // After a few ASCII bytes in a row, eight at a time while they
-            // last; mixed text never pays for the test.
-            if (!kCheck && ++ascii >= 8) {
+            // ASCII: eight at a time while they last (the output has room
+            // for the whole input when kCheck is off), then one by one.
+            if (!kCheck) {
                 while (n - pos >= 8 && AllAscii8(in + pos)) {
                     for (int i = 0; i < 8; ++i) out[produced + i] = in[pos + i];
                     pos += 8;
                     produced += 8;
                 }
-                ascii = 0;
+                while (pos < n && in[pos] < 0x80) out[produced++] = in[pos++];
+                continue;
             }
+            out[produced++] = static_cast<WCHAR>(b);
+            pos += 1;
         } else if (b - 0xC2u < 0x1Eu) {
             // 0xC2-0xDF; 0xC0 and 0xC1 would start an overlong form.
-            ascii = 0;
             if (n - pos < 2 || !IsContinuation(in[pos + 1])) return Fail(pOut);
             out[produced++] = static_cast<WCHAR>(((b & 0x1Fu) << 6) | (in[pos + 1] & 0x3Fu));
             pos += 2;
         } else if (b - 0xE0u < 0x10u) {
-            ascii = 0;
             if (n - pos < 3 || !IsContinuation(in[pos + 1]) || !IsContinuation(in[pos + 2])) {
                 return Fail(pOut);
             }
