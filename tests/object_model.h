@@ -201,7 +201,7 @@ public:
                 }
                 Took(id, user, 0);
             }
-        } else if (op < 90) {  // a few more results of the enumeration in progress
+        } else {  // a few more results of the enumeration in progress
             for (UINT32 n = 1 + pick_(4); n > 0; --n) {
                 UINT32 next = 0;
                 const int id = NextInScan(compare, key, &next);
@@ -215,27 +215,6 @@ public:
                 if (id < 0) break;
                 Took(id, user, access);
             }
-        } else if (op < 95 && !held_.empty()) {  // an extra reference
-            const int id = held_[pick_(static_cast<UINT32>(held_.size()))];
-            Expect(v->IncrementReference(om_, users_.at(id)) == 0, "increment");
-            Took(id, users_.at(id), 0);
-        } else if (op >= 95 && chains_.size() == 1) {  // create at a chosen handle
-            const UINT32 block = 1 + pick_(5);
-            const UINT32 slot = pick_(perBlock_);
-            const UINT32 gen = 1 + pick_(4);
-            Expect(v->CreateObjectByHandle(om_, PtrFromHandle(MakeHandle(block, gen, slot + 1)),
-                                           KeyArg(key), InitItem, 0, 0, &user, &mode) == 0,
-                   "create by handle");
-            if (blocks_.count(block) == 0) MakeBlock(block, false);
-            Block& b = blocks_.at(block);
-            int id = b.obj[slot];
-            Expect(mode == (id < 0 ? OM_OPENED_CREATED : OM_OPENED_EXISTING), "mode by handle");
-            if (id < 0) {
-                std::erase(b.freeList, slot);
-                id = NewObject(key, 0, {block, slot}, State::kChain);
-            }
-            b.gen[slot] = gen;
-            Took(id, user, 0);
         }
         Check();
     }
