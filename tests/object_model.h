@@ -2,7 +2,7 @@
 // runs operations chosen by a source of choices on a real store and checks
 // it against the model after every step: the statistics, the block list
 // (ids and free counts), every object's handle (block, slot, generation),
-// references, marks and user area, the runs of the delete and deallocate
+// references and marks, the runs of the delete and deallocate
 // routines, and the cursor of an enumeration that stays open across steps.
 // Shared by the unit test (choices from a seeded generator) and the fuzz
 // harness (choices from the input); it uses no test framework.
@@ -37,7 +37,6 @@ struct RoutineCounters {
 };
 inline RoutineCounters g_routines;
 
-constexpr UINT32 kDeallocMarker = 0xDEA110C8u;
 constexpr UINT32 kFailingKey = 0xFFFFFFFFu;
 constexpr KSSTATUS kInitFailure = 0xC0DE0042u;  // severity 3, foreign facility
 constexpr KSSTATUS kBadHandle = 0xC7FA0003u;
@@ -57,13 +56,11 @@ inline KSSTATUS InitItem(PVOID user, PVOID init) {
 inline BOOLEAN CompareItem(PVOID user, PVOID data) {
     return static_cast<Item*>(user)->key == KeyOf(data) ? TRUE : FALSE;
 }
-inline KSSTATUS DeleteItem(PVOID user) {
-    static_cast<Item*>(user)->value = 0xDEADu;
+inline KSSTATUS DeleteItem(PVOID) {
     ++g_routines.deletes;
     return 0;
 }
-inline KSSTATUS DeallocItem(PVOID user) {
-    static_cast<Item*>(user)->value = kDeallocMarker;
+inline KSSTATUS DeallocItem(PVOID) {
     ++g_routines.deallocs;
     return 0;
 }
@@ -193,8 +190,7 @@ public:
                     id = allocated_.front();
                     allocated_.pop_front();
                     Obj& o = objs_.at(id);
-                    o = Obj{o.block, o.slot, key, chain, 0, State::kChain, false, false, true,
-                            o.value};
+                    o = Obj{o.block, o.slot, key, chain, 0, State::kChain, false, false, true};
                     chains_[chain].push_back(id);
                     // The open's reference replaces every other.
                     std::erase(held_, id);
@@ -243,7 +239,6 @@ private:
         UINT32 block, slot, key, chain, count;
         State state;
         bool deleted, deallocated, countedInUse;
-        UINT32 value;  // what the user area's value field must hold
     };
     struct Block {
         bool permanent;
@@ -293,7 +288,7 @@ private:
     int NewObject(UINT32 key, UINT32 chain, std::pair<UINT32, UINT32> at, State state) {
         const int id = nextId_++;
         objs_[id] = Obj{at.first, at.second, key, chain, 0, state, false, false,
-                        state == State::kChain, 0};
+                        state == State::kChain};
         blocks_.at(at.first).obj[at.second] = id;
         (state == State::kChain ? chains_[chain] : allocated_).push_back(id);
         ++occupants_;
@@ -337,8 +332,7 @@ private:
         b.gen[o.slot] = (b.gen[o.slot] + 1) & 0xFFu;
         if (o.deallocated) {  // back to the preallocated list
             ++deallocs_;
-            o = Obj{o.block, o.slot, o.key, 0, 0, State::kPrealloc, false, false, false,
-                    kDeallocMarker};
+            o = Obj{o.block, o.slot, o.key, 0, 0, State::kPrealloc, false, false, false};
             allocated_.push_back(id);
             return;
         }
@@ -391,8 +385,6 @@ private:
             Expect(ObHandle(ob) == Handle(id), "handle");
             Expect(ObCount(ob) == o.count, "references");
             Expect((ObFlags(ob) & ~(OBJECT_READY | OBJECT_PERMANENT)) == marks, "marks");
-            Expect(static_cast<const Item*>(ObUser(const_cast<Object*>(ob)))->value == o.value,
-                   "user area");
         }
     }
 
