@@ -2,7 +2,7 @@
 // runs operations chosen by a source of choices on a real store and checks
 // it against the model after every step: the statistics, the block list
 // (ids and free counts), every object's handle (block, slot, generation),
-// references, marks and user area, the runs of the delete and deallocate
+// references and marks, the runs of the delete and deallocate
 // routines, and the cursor of an enumeration that stays open across steps.
 // Shared by the unit test (choices from a seeded generator) and the fuzz
 // harness (choices from the input); it uses no test framework.
@@ -37,7 +37,6 @@ struct RoutineCounters {
 };
 inline RoutineCounters g_routines;
 
-constexpr UINT32 kDeallocMarker = 0xDEA110C8u;
 constexpr UINT32 kFailingKey = 0xFFFFFFFFu;
 constexpr KSSTATUS kInitFailure = 0xC0DE0042u;  // severity 3, foreign facility
 constexpr KSSTATUS kBadHandle = 0xC7FA0003u;
@@ -57,13 +56,11 @@ inline KSSTATUS InitItem(PVOID user, PVOID init) {
 inline BOOLEAN CompareItem(PVOID user, PVOID data) {
     return static_cast<Item*>(user)->key == KeyOf(data) ? TRUE : FALSE;
 }
-inline KSSTATUS DeleteItem(PVOID user) {
-    static_cast<Item*>(user)->value = 0xDEADu;
+inline KSSTATUS DeleteItem(PVOID) {
     ++g_routines.deletes;
     return 0;
 }
-inline KSSTATUS DeallocItem(PVOID user) {
-    static_cast<Item*>(user)->value = kDeallocMarker;
+inline KSSTATUS DeallocItem(PVOID) {
     ++g_routines.deallocs;
     return 0;
 }
@@ -193,15 +190,14 @@ public:
                     id = allocated_.front();
                     allocated_.pop_front();
                     Obj& o = objs_.at(id);
-                    o = Obj{o.block, o.slot, key, chain, 0, State::kChain, false, false, true,
-                            o.value};
+                    o = Obj{o.block, o.slot, key, chain, 0, State::kChain, false, false, true};
                     chains_[chain].push_back(id);
                     // The open's reference replaces every other.
                     std::erase(held_, id);
                 }
                 Took(id, user, 0);
             }
-        } else if (op < 90) {  // a few more results of the enumeration in progress
+        } else {  // a few more results of the enumeration in progress
             for (UINT32 n = 1 + pick_(4); n > 0; --n) {
                 UINT32 next = 0;
                 const int id = NextInScan(compare, key, &next);
@@ -215,27 +211,6 @@ public:
                 if (id < 0) break;
                 Took(id, user, access);
             }
-        } else if (op < 95 && !held_.empty()) {  // an extra reference
-            const int id = held_[pick_(static_cast<UINT32>(held_.size()))];
-            Expect(v->IncrementReference(om_, users_.at(id)) == 0, "increment");
-            Took(id, users_.at(id), 0);
-        } else if (op >= 95 && chains_.size() == 1) {  // create at a chosen handle
-            const UINT32 block = 1 + pick_(5);
-            const UINT32 slot = pick_(perBlock_);
-            const UINT32 gen = 1 + pick_(4);
-            Expect(v->CreateObjectByHandle(om_, PtrFromHandle(MakeHandle(block, gen, slot + 1)),
-                                           KeyArg(key), InitItem, 0, 0, &user, &mode) == 0,
-                   "create by handle");
-            if (blocks_.count(block) == 0) MakeBlock(block, false);
-            Block& b = blocks_.at(block);
-            int id = b.obj[slot];
-            Expect(mode == (id < 0 ? OM_OPENED_CREATED : OM_OPENED_EXISTING), "mode by handle");
-            if (id < 0) {
-                std::erase(b.freeList, slot);
-                id = NewObject(key, 0, {block, slot}, State::kChain);
-            }
-            b.gen[slot] = gen;
-            Took(id, user, 0);
         }
         Check();
     }
@@ -264,7 +239,6 @@ private:
         UINT32 block, slot, key, chain, count;
         State state;
         bool deleted, deallocated, countedInUse;
-        UINT32 value;  // what the user area's value field must hold
     };
     struct Block {
         bool permanent;
@@ -314,7 +288,7 @@ private:
     int NewObject(UINT32 key, UINT32 chain, std::pair<UINT32, UINT32> at, State state) {
         const int id = nextId_++;
         objs_[id] = Obj{at.first, at.second, key, chain, 0, state, false, false,
-                        state == State::kChain, 0};
+                        state == State::kChain};
         blocks_.at(at.first).obj[at.second] = id;
         (state == State::kChain ? chains_[chain] : allocated_).push_back(id);
         ++occupants_;
@@ -358,8 +332,7 @@ private:
         b.gen[o.slot] = (b.gen[o.slot] + 1) & 0xFFu;
         if (o.deallocated) {  // back to the preallocated list
             ++deallocs_;
-            o = Obj{o.block, o.slot, o.key, 0, 0, State::kPrealloc, false, false, false,
-                    kDeallocMarker};
+            o = Obj{o.block, o.slot, o.key, 0, 0, State::kPrealloc, false, false, false};
             allocated_.push_back(id);
             return;
         }
@@ -412,8 +385,6 @@ private:
             Expect(ObHandle(ob) == Handle(id), "handle");
             Expect(ObCount(ob) == o.count, "references");
             Expect((ObFlags(ob) & ~(OBJECT_READY | OBJECT_PERMANENT)) == marks, "marks");
-            Expect(static_cast<const Item*>(ObUser(const_cast<Object*>(ob)))->value == o.value,
-                   "user area");
         }
     }
 
