@@ -121,17 +121,18 @@ TEST_P(ConvertEquivTest, CodePageMatchesReference) {
         SCOPED_TRACE(page != nullptr ? page : "selector 3");
         EXPECT_EQ(page != nullptr && KsplConvHasTables(page), page != nullptr && tables);
         Checker c;
+        // One pass per unit; every eighth runs out of room somewhere.
         for (unsigned u = 0; u < 65536 && !c.TooMany(); ++u) {
             const WCHAR w = static_cast<WCHAR>(u);
-            c.ToNarrow(page, {w, 'a', w}, 36);
-            c.ToNarrow(page, {w}, 1);
+            c.ToNarrow(page, {w, 'a', w}, u % 8 == 0 ? u / 8 % 14 : 36);
         }
         for (unsigned b = 0; b < 512; ++b) {
             const char x = static_cast<char>(b);
             c.ToWide(page, b >> 8, {x, 'a', x}, 4);
             c.ToWide(page, b >> 8, {'a', x, 'a'}, 1);
         }
-        for (unsigned p = 0; !tables && p < 65536 && !c.TooMany(); ++p) {
+        // Pairs with an ASCII lead are two single bytes, swept above.
+        for (unsigned p = 0x8000; !tables && p < 65536 && !c.TooMany(); ++p) {
             c.ToWide(page, FALSE, {static_cast<char>(p >> 8), static_cast<char>(p)}, 3);
         }
         RandomStrings(c, k, sel, page, euro, 1234 + sel);
