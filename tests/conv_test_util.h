@@ -26,31 +26,26 @@ inline std::vector<WCHAR> Wide(std::u16string_view s) {
 inline std::u16string AsU16(const WCHAR* p, size_t n) { return std::u16string(p, p + n); }
 
 // Keeps the code page names and euro flags and puts them back at scope end
-// (the library owns and frees the names its setup chose).
-class PageScope {
+// (the library owns and frees the names its setup chose); given pages,
+// selects them for the scope.
+class CodePageScope {
 public:
-    PageScope() = default;
-    PageScope(const PageScope&) = delete;
-    PageScope& operator=(const PageScope&) = delete;
-    ~PageScope() { Globals() = saved_; }
+    CodePageScope() = default;
+    CodePageScope(const char* oem, BOOLEAN oemEuro, const char* ansi, BOOLEAN ansiEuro) {
+        Globals() = std::make_tuple(const_cast<char*>(oem), const_cast<char*>(ansi), oemEuro, ansiEuro);
+    }
+    CodePageScope(const CodePageScope&) = delete;
+    CodePageScope& operator=(const CodePageScope&) = delete;
+    ~CodePageScope() { Globals() = saved_; }
 
-protected:
+private:
     using Pages = std::tuple<char*&, char*&, BOOLEAN&, BOOLEAN&>;
     static Pages Globals() {
         return {g_pOemCodePage, g_pAnsiCodePage, g_oemCodePageSupportsEuro, g_ansiCodePageSupportsEuro};
     }
-
-private:
     std::tuple<char*, char*, BOOLEAN, BOOLEAN> saved_ = Globals();
 };
-
-// Selects the OEM and ANSI code pages for one scope.
-class CodePageScope : public PageScope {
-public:
-    CodePageScope(const char* oem, BOOLEAN oemEuro, const char* ansi, BOOLEAN ansiEuro) {
-        Globals() = std::make_tuple(const_cast<char*>(oem), const_cast<char*>(ansi), oemEuro, ansiEuro);
-    }
-};
+using PageScope = CodePageScope;
 
 // One conversion: its result, the count it reported, and its output area
 // with two guard units past the capacity, as bytes.

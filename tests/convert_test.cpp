@@ -146,13 +146,6 @@ TEST_F(ConvertTest, CharacterRules) {
             EXPECT_TRUE(status == 0 || built.WasBuilt(KsplErr(status)));
         }
     }
-    const std::pair<unsigned, int> lengths[] = {{0x7F, 1}, {0x80, 1}, {0xBF, 1}, {0xC0, 2},
-                                                {0xDF, 2}, {0xE0, 3}, {0xEF, 3}, {0xF0, 4},
-                                                {0xF7, 4}, {0xF8, 5}, {0xFB, 5}, {0xFC, 6},
-                                                {0xFD, 6}, {0xFE, 7}, {0xFF, 7}};
-    for (auto [byte, length] : lengths) {
-        EXPECT_EQ(Utf8SeqLen(static_cast<char>(byte)), length) << byte;
-    }
 }
 
 // Exactly Length units are visited; only letters and digits change.
