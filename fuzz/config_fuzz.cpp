@@ -73,25 +73,23 @@ struct Harness {
         UINT32 t = 0;
         len = static_cast<UINT32>(got.size());
         FUZZ_CHECK(ZLRegQueryValueExA(raw, narrow, nullptr, &t, got.data(), &len) == 0);
-        got.resize(len);
         std::string folded(narrow);
         for (char& c : folded) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c + 32 : c);
-        auto it = model.try_emplace(folded, Stored{name, t, got}).first;
-        it->second.type = t;
-        it->second.data = got;
+        Stored& entry = model.try_emplace(folded, Stored{name, t, ""}).first->second;
+        entry.type = t;
+        entry.data = got.substr(0, len);
     }
 
     // Calls into an exact heap buffer of `length` bytes prefilled with 0xEE;
     // a query when `name` is given, else an enumeration.
     KSSTATUS Call(const std::u16string* name, UINT32 index, UINT32 length, std::vector<UINT8>* record) {
         std::unique_ptr<UINT8[]> buf(new UINT8[length + 1]);
-        std::memset(buf.get(), 0xEE, length);
+        UINT8* out = static_cast<UINT8*>(std::memset(buf.get(), 0xEE, length));
         UINT32 result = 0;
-        const IKsplVtbl* v = k->lpVtbl;
-        UINT8* out = buf.get();
-        KSSTATUS st = name != nullptr ? v->KsoQueryValueKey(k, key, W(*name), out, length, &result)
-                                      : v->KsoEnumerateValueKey(k, key, index, out, length, &result);
-        record->assign(buf.get(), buf.get() + length);
+        KSSTATUS st = name != nullptr
+                          ? k->lpVtbl->KsoQueryValueKey(k, key, W(*name), out, length, &result)
+                          : k->lpVtbl->KsoEnumerateValueKey(k, key, index, out, length, &result);
+        record->assign(out, out + length);
         return st;
     }
 
@@ -107,12 +105,12 @@ struct Harness {
         if (s == nullptr) return;
         const UINT32 type = RecordU32(r, 4);
         const std::string data = RecordData(r);
-        const bool integer = type == KSO_REG_UINT32 || type == KSO_REG_UINT64;
         FUZZ_CHECK(type == s->type, "type as stored");
         const size_t width = type == KSO_REG_UINT32 ? 4 : 8;
-        const size_t cut = integer && name == nullptr ? width : std::string::npos;
-        if (type == KSO_REG_BINARY || integer) FUZZ_CHECK(data == s->data.substr(0, cut), "bytes");
-        if (!integer && type != KSO_REG_BINARY && vlen != 0)
+        const size_t cut = name || type == KSO_REG_BINARY ? std::string::npos : width;
+        if (type == KSO_REG_UINT32 || type == KSO_REG_UINT64 || type == KSO_REG_BINARY)
+            FUZZ_CHECK(data == s->data.substr(0, cut), "bytes");
+        else if (vlen != 0)
             FUZZ_CHECK(vlen >= 2 && vlen % 2 == 0 && data[vlen - 1] == 0 && data[vlen - 2] == 0);
     }
 
@@ -135,9 +133,9 @@ struct Harness {
     void EnumerateOne() {
         const UINT32 count = static_cast<UINT32>(model.size());
         const UINT32 index = in.Pick(count + 2);
-        const UINT32 length = kRecordHeader + in.U8() % 160;
         std::vector<UINT8> c;
-        KSSTATUS st = Call(nullptr, index, length, &c);
+        KSSTATUS st = Call(nullptr, index, kRecordHeader + in.U8() % 160, &c);
+        const size_t length = c.size();
         if (length == kRecordHeader) {
             FUZZ_CHECK(st == KS_MAKE_STATUS(3, KSPL_FACILITY, KSPL_CODE_BUFFER_SMALL), "header only");
         } else if (index >= count) {
