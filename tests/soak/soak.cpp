@@ -218,8 +218,7 @@ void OpThreads(Worker& w) {
     ThreadArg arg{w.Pick(), w.Below(3000), w.Chance(40)};
     IKspl* k = arg.k;
     HANDLE t = nullptr;
-    auto priority = w.Below(3);
-    if (!CHECK_OK(k->lpVtbl->KsoCreateThread(k, priority, ClientThread, &arg, &t))) return;
+    if (!CHECK_OK(k->lpVtbl->KsoCreateThread(k, w.Below(3), ClientThread, &arg, &t))) return;
     KSSTATUS st = k->lpVtbl->KsoWaitForThreadExit(k, t, w.Timeout());
     CHECK(st == 0 || st == KsplErr(10), st);
     CHECK_OK(k->lpVtbl->KsoWaitForThreadExit(k, t, -1));
@@ -356,10 +355,8 @@ void OpStoreRelease(Worker& w) {
         // Dropped now, before the release, or after it by this thread or another.
         const UINT32 when = w.Below(10);
         if (when < 3) CHECK_OK(om->lpVtbl->DereferenceObject(om, held[key], 0));
-        if (when >= 3 && when < 6) {
-            std::lock_guard<std::mutex> guard(g.orphanMutex);
-            g.orphans.push_back({om, held[key]});
-        }
+        std::lock_guard<std::mutex> guard(g.orphanMutex);
+        if (when >= 3 && when < 6) g.orphans.push_back({om, held[key]});
         if (when < 6) held[key] = nullptr;
     }
     CHECK(om->lpVtbl->Release(om) == 0, 0);
