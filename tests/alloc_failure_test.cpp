@@ -57,6 +57,7 @@ class Fx : public OmTest, public ::testing::WithParamInterface<Row> {
 public:
     using KsplTest::k;
     using KsplTest::v;
+    using OmTest::Create;
     using OmTest::MakeStore;
     using OmTest::Info;
 
@@ -102,7 +103,6 @@ public:
     UINT32 result = 0;
     IOM* om = nullptr;
     ISCOM_2* sc = nullptr;
-    PVOID user = nullptr;
 
 private:
     std::string db_ = "/tmp/alloc_failure_test." + std::to_string(getpid()) + ".db";
@@ -203,10 +203,7 @@ Row StoreObject(const char* fn, UINT32 pre, std::function<KSSTATUS(Fx&)> call) {
             .setup = [pre](Fx& f) {
                 f.om = Fx::MakeStore(2, 0, 1);
                 for (UINT32 i = 0; i < pre; ++i) {
-                    ASSERT_EQ(f.om->lpVtbl->CreateObject(f.om, KeyArg(100 + i), InitItem, nullptr,
-                                                         nullptr, 0, 0, 0, &f.user, nullptr),
-                              0u);
-                    f.om->lpVtbl->DereferenceObject(f.om, f.user, 0);
+                    f.om->lpVtbl->DereferenceObject(f.om, Fx::Create(f.om, 100 + i), 0);
                 }
                 g_routines.deletes = 0;
             },
