@@ -378,7 +378,6 @@ void OpSecurity(Worker& w) {
 // child can start them (not under ThreadSanitizer or qemu-user); no
 // configuration store: SQLite keeps its file locks per process, so a child
 // forked while another thread held the store's write lock stays busy.
-bool g_childMayStartThreads = false;  // probed before the workers start
 void OpFork(Worker& w) {
     std::fflush(nullptr);
     const pid_t pid = fork();
@@ -387,7 +386,7 @@ void OpFork(Worker& w) {
         w.own = KsplTestCreateInstance();
         OpMemory(w);
         OpConvert(w);
-        if (g_childMayStartThreads) OpScheduled(w);
+        if (ChildMayStartThreads()) OpScheduled(w);
         ReleaseInstance(w.own);
         _exit(g_failures == 0 ? 0 : 1);
     }
@@ -466,13 +465,9 @@ int main(int argc, char** argv) {
         return 2;
     }
     std::printf("kspl_soak: seed %" PRIu64 "\n", seed);
-    // Probed while the process has one thread. qemu-user, which runs the
-    // i386 build, passes that probe but aborts when a child of the
-    // multi-threaded process starts a thread. AddressSanitizer's allocator
-    // is not held across fork(): a child forked while another thread
-    // allocates can hang in its first allocation, so that build does not
-    // fork at all.
-    g_childMayStartThreads = ChildMayStartThreads() && sizeof(void*) == 8;
+    // AddressSanitizer's allocator is not held across fork(): a child forked
+    // while another thread allocates can hang in its first allocation, so
+    // that build does not fork at all.
 #if defined(__SANITIZE_ADDRESS__)
     const bool forks = false;
 #else
