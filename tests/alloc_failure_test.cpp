@@ -9,7 +9,6 @@
 
 #include <functional>
 #include <string>
-#include <thread>
 #include <tuple>
 
 #include "conv_test_util.h"
@@ -58,6 +57,7 @@ class Fx : public OmTest, public ::testing::WithParamInterface<Row> {
 public:
     using KsplTest::k;
     using KsplTest::v;
+    using OmTest::Create;
     using OmTest::MakeStore;
     using OmTest::Info;
 
@@ -103,7 +103,6 @@ public:
     UINT32 result = 0;
     IOM* om = nullptr;
     ISCOM_2* sc = nullptr;
-    PVOID user = nullptr;
 
 private:
     std::string db_ = "/tmp/alloc_failure_test." + std::to_string(getpid()) + ".db";
@@ -190,24 +189,9 @@ Row MultiWait(BOOLEAN all, bool firstSet) {
             }};
 }
 
-// A store initialisation takes its lock (and a work item with deferred
-// deletion), chains and two permanent blocks; a failed one leaves the
-// record as new, so that it initialises cleanly afterwards.
-Row StoreInit(UINT32 level, unsigned allocations) {
-    return {.fn = "InternalInitialize", .allocations = allocations, .noMemory = KsplOmErr(5),
-            .setup = [](Fx& f) { f.om = NewStore(); },
-            .call = [level](Fx& f) {
-                return f.om->lpVtbl->Initialize(f.om, sizeof(Item), 4, level, 1, DeleteItem,
-                                                nullptr, nullptr, 2);
-            },
-            .check = [level](Fx& f, bool failed) {
-                EXPECT_EQ(OiInitialized(Fx::Info(f.om)), !failed);
-                EXPECT_EQ(f.om->lpVtbl->Initialize(f.om, sizeof(Item), 4, level, 1, DeleteItem,
-                                                   nullptr, nullptr, 2) == 0,
-                          failed);
-                EXPECT_EQ(Fx::Info(f.om)->statsAllocated, 8u);
-                f.om->lpVtbl->Release(f.om);
-            }};
+KSSTATUS InitStore(IOM* om) {
+    return om->lpVtbl->Initialize(om, sizeof(Item), 4, 0x10000000u, 1, DeleteItem, nullptr,
+                                  nullptr, 2);
 }
 
 // A store of two objects per block holding `pre` objects: a new object
@@ -219,10 +203,7 @@ Row StoreObject(const char* fn, UINT32 pre, std::function<KSSTATUS(Fx&)> call) {
             .setup = [pre](Fx& f) {
                 f.om = Fx::MakeStore(2, 0, 1);
                 for (UINT32 i = 0; i < pre; ++i) {
-                    ASSERT_EQ(f.om->lpVtbl->CreateObject(f.om, KeyArg(100 + i), InitItem, nullptr,
-                                                         nullptr, 0, 0, 0, &f.user, nullptr),
-                              0u);
-                    f.om->lpVtbl->DereferenceObject(f.om, f.user, 0);
+                    f.om->lpVtbl->DereferenceObject(f.om, Fx::Create(f.om, 100 + i), 0);
                 }
                 g_routines.deletes = 0;
             },
@@ -270,7 +251,6 @@ const Row kRows[] = {
                  return k->lpVtbl->KsoDestroyThread(k, t);
              }),
     MultiWait(TRUE, false),
-    MultiWait(FALSE, false),
     MultiWait(TRUE, true),
     // A length query through a paged work buffer: the length is left alone
     // on failure (the other way fails in the configuration rows).
@@ -290,12 +270,13 @@ const Row kRows[] = {
      .check = [](Fx& f, bool failed) {
          HANDLE h = nullptr;
          EXPECT_EQ(f.v->KsoOpenKey(f.k, Name(u"\\New").data(), KSO_KEY_READ, &h) == 0, !failed);
-         if (!failed) f.v->KsoDeleteKey(f.k, h);
-         if (!failed) f.v->KsoCloseKey(f.k, h);
-         if (!failed) f.v->KsoCloseKey(f.k, f.out);
+         if (failed) return;
+         f.v->KsoDeleteKey(f.k, h);
+         f.v->KsoCloseKey(f.k, h);
+         f.v->KsoCloseKey(f.k, f.out);
      }},
-    // Values: a failed set stores nothing, a failed delete removes nothing,
-    // a failed query leaves the result length alone.
+    // Values: a failed set stores nothing, a failed query leaves the result
+    // length alone.
     {.fn = "KsoSetValueKey", .allocations = 2,
      .call = [](Fx& f) {
          return f.v->KsoSetValueKey(f.k, f.key, Wide(u"New").data(), KSO_REG_SZ, f.text.data(),
@@ -305,25 +286,24 @@ const Row kRows[] = {
          EXPECT_EQ(f.Query(u"New") == 0, !failed);
          if (!failed) f.v->KsoDeleteValue(f.k, f.key, Wide(u"New").data());
      }},
-    {.fn = "KsoDeleteValue",
-     .setup = [](Fx& f) {
-         f.v->KsoSetValueKey(f.k, f.key, Wide(u"Gone").data(), KSO_REG_UINT32, &f.result, 4);
-     },
-     .call = [](Fx& f) { return f.v->KsoDeleteValue(f.k, f.key, Wide(u"Gone").data()); },
-     .check = [](Fx& f, bool failed) {
-         EXPECT_EQ(f.Query(u"Gone") == 0, failed);
-         if (failed) f.v->KsoDeleteValue(f.k, f.key, Wide(u"Gone").data());
-     }},
     {.fn = "KsoQueryValueKey",
      .call = [](Fx& f) { return f.Query(u"Text"); },
      .check = [](Fx& f, bool failed) { EXPECT_EQ(f.result == 0xA5A5A5A5u, failed); }},
     // Stores.
-    Factory("OMFactoryCreateInstance", CLSID_ObjectManagerDataStore, IID_IObjectManager_1,
-            KsplOmErr(5)),
     Factory("OMFactoryCreateInstance", CLSID_ObjectManagerDataStore, IID_ISCObjectManager_2,
             KsplOmErr(5)),
-    StoreInit(3, 4),
-    StoreInit(0x10000000u, 5),
+    // A store initialisation takes its lock, a work item for deferred
+    // deletion, chains and two permanent blocks; a failed one leaves the
+    // record as new, so that it initialises cleanly afterwards.
+    {.fn = "InternalInitialize", .allocations = 5, .noMemory = KsplOmErr(5),
+     .setup = [](Fx& f) { f.om = NewStore(); },
+     .call = [](Fx& f) { return InitStore(f.om); },
+     .check = [](Fx& f, bool failed) {
+         EXPECT_EQ(OiInitialized(Fx::Info(f.om)), !failed);
+         EXPECT_EQ(InitStore(f.om) == 0, failed);
+         EXPECT_EQ(Fx::Info(f.om)->statsAllocated, 8u);
+         f.om->lpVtbl->Release(f.om);
+     }},
     StoreObject("ObjectCreate", 0, CreateObject),
     StoreObject("ObjectCreate", 1, CreateObject),
     StoreObject("ObjectAllocate", 0,
@@ -332,27 +312,6 @@ const Row kRows[] = {
         return f.om->lpVtbl->CreateObjectByHandle(f.om, PtrFromHandle(MakeHandle(1, 1, 1)),
                                                   KeyArg(7), InitItem, 0, 0, &f.out, &f.result);
     }),
-    // With deferred deletion a delete starts the store's deletion thread;
-    // without memory for its record the object stays queued, and the next
-    // deletion's thread runs its routine: once either way.
-    {.fn = "DeferredDelete", .noMemory = 0,
-     .setup = [](Fx& f) {
-         f.om = Fx::MakeStore(4, 0x10000000u, 1, 1);
-         f.om->lpVtbl->CreateObject(f.om, KeyArg(1), InitItem, nullptr, nullptr, 0, 0, 0, &f.user,
-                                    nullptr);
-         g_routines.deletes = 0;
-     },
-     .call = [](Fx& f) { return f.om->lpVtbl->DeleteObject(f.om, f.user, 0); },
-     .check = [](Fx& f, bool failed) {
-         EXPECT_TRUE(!failed || g_routines.deletes == 0) << "ran without a deletion thread";
-         if (failed) {
-             f.om->lpVtbl->CreateObject(f.om, KeyArg(2), InitItem, nullptr, nullptr, 0, 0, 0,
-                                        &f.user, nullptr);
-             f.om->lpVtbl->DeleteObject(f.om, f.user, 0);
-         }
-         EXPECT_TRUE(WaitFor([&] { return g_routines.deletes == (failed ? 2 : 1); }));
-         f.om->lpVtbl->Release(f.om);
-     }},
     // The first object of a security context makes the context's store:
     // its record, lock and chains, then the block and the object's lock.
     {.fn = "SCObjectCreate", .allocations = 5, .noMemory = KsplOmErr(5), .clearsOut = true,
@@ -375,30 +334,5 @@ const Row kRows[] = {
      }},
 };
 INSTANTIATE_TEST_SUITE_P(Calls, Fx, ::testing::ValuesIn(kRows));
-
-// The hook fails the n-th allocation of the armed thread (system heap and
-// tracked memory alike), and with `sticky` every later one; allocations of
-// other threads neither fail nor count.
-TEST(AllocHook, FailsOnlyTheArmedThreadsNthAllocation) {
-    IKspl* k = KsplTestCreateInstance();
-    KsplAllocFailArm(2);
-    void* a = KsplSysAlloc(8);
-    std::thread([] { KsplSysFree(KsplSysAlloc(8)); }).join();
-    void* b = k->lpVtbl->KsoAllocPagedMemory(k, 16);
-    void* c = KsplSysCalloc(1, 8);
-    EXPECT_EQ(KsplAllocSeen(), 3u);
-    EXPECT_TRUE(KsplAllocFailDisarm());
-    EXPECT_TRUE(a != nullptr && b == nullptr && c != nullptr);
-    KsplAllocFailArm(1, true);
-    b = k->lpVtbl->KsoAllocPagedMemory(k, 16);
-    EXPECT_TRUE(b == nullptr && KsplSysAlloc(8) == nullptr);
-    EXPECT_TRUE(KsplAllocFailDisarm());
-    KsplAllocFailArm(3);
-    b = KsplSysAlloc(8);
-    EXPECT_FALSE(KsplAllocFailDisarm()) << "armed but not reached";
-    EXPECT_EQ(g_ksplAllocHookArmed.load(), 0);
-    for (void* p : {a, b, c}) KsplSysFree(p);
-    EXPECT_EQ(k->lpVtbl->Release(k), 0u);
-}
 
 }  // namespace

@@ -22,7 +22,6 @@
 #include <cinttypes>
 #include <cstring>
 #include <deque>
-#include <map>
 #include <random>
 
 #include "kspl_test.h"
@@ -45,9 +44,11 @@ bool Check(bool ok, int line, const char* what, unsigned long long got) {
 bool CheckOk(KSSTATUS st, int line, const char* what) { return Check(st == 0, line, what, st); }
 
 template <typename T>
-T* Create(GUID clsid, const GUID& iid) {
+T* Create(const GUID& iid) {
+    GUID clsid = CLSID_ObjectManagerDataStore;
     void* out = nullptr;
-    return OrlmCreateInstance(&clsid, nullptr, &iid, &out) == 0 ? static_cast<T*>(out) : nullptr;
+    CHECK_OK(OrlmCreateInstance(&clsid, nullptr, &iid, &out));
+    return static_cast<T*>(out);
 }
 void ReleaseInstance(IKspl* k) {
     CHECK(KsplInUseCounters(k) == KsplCounters{}, 0);
@@ -81,11 +82,9 @@ KSSTATUS DeleteObj(PVOID user) {
     return 0;
 }
 IOM_2* NewStore(UINT32 level, UINT16 perBlock, UINT32 permBlocks) {
-    auto* om = Create<IOM_2>(CLSID_ObjectManagerDataStore, IID_IObjectManager_2);
-    if (om != nullptr) {
-        CHECK_OK(om->lpVtbl->Initialize(om, sizeof(Obj), perBlock, level, 8, DeleteObj, nullptr,
-                                        nullptr, permBlocks));
-    }
+    auto* om = Create<IOM_2>(IID_IObjectManager_2);
+    CHECK_OK(om->lpVtbl->Initialize(om, sizeof(Obj), perBlock, level, 8, DeleteObj, nullptr,
+                                    nullptr, permBlocks));
     return om;
 }
 
@@ -116,19 +115,12 @@ struct Worker {
 // ---------------------------------------------------------------------------
 // Operations.
 
-// Blocks of tracked memory, on a shared instance or on a fresh one that
-// also registers a name and reads the statistics.
+// Blocks of tracked memory, on a shared instance or on a fresh one.
 void OpMemory(Worker& w) {
     const bool fresh = w.own == nullptr && w.Chance(20);
     IKspl* k = fresh ? KsplTestCreateInstance() : w.Pick();
-    std::vector<UINT8> stats(64 * 1024);
-    UINT32 size = static_cast<UINT32>(stats.size());
-    if (fresh && CHECK_OK(k->lpVtbl->KsoRegisterModuleName(k, const_cast<char*>("soak")))) {
-        KSSTATUS st = k->lpVtbl->KsoGetGeneralKsplStatistics(k, &size, stats.data());
-        CHECK(st == 0 || st == KsplErr(7), st);
-    }
     for (UCHAR i = 0; i < 8; ++i) {
-        size = 1 + w.Below(w.Chance(10) ? 70000 : 300);
+        const UINT32 size = 1 + w.Below(w.Chance(10) ? 70000 : 300);
         auto* p = static_cast<UCHAR*>(w.Chance(50) ? k->lpVtbl->KsoAllocPagedMemory(k, size)
                                                    : k->lpVtbl->KsoAllocNonPagedMemory(k, size));
         k->lpVtbl->KsoFillMemory(k, p, size, i);
@@ -210,46 +202,35 @@ void OpCancel(Worker& w) {
     for (HANDLE e : events) CHECK_OK(k->lpVtbl->KsoDestroyEvent(k, e));
 }
 
-// A client thread that may leave early through the exit call, awaited
-// with a random timeout first.
-struct ThreadArg {
-    IKspl* k;
-    UINT32 sleepUs;
-    bool early;
-};
-void ClientThread(HANDLE self, PVOID context) {
-    auto* a = static_cast<ThreadArg*>(context);
-    a->k->lpVtbl->KsoSleep(a->k, a->sleepUs);
-    if (a->early) a->k->lpVtbl->KsoExitThread(a->k, self, 0x1234, FALSE);
+// A client thread awaited with a random timeout first, then without limit.
+void ClientThread(HANDLE, PVOID sleepUs) {
+    std::this_thread::sleep_for(std::chrono::microseconds(reinterpret_cast<uintptr_t>(sleepUs)));
 }
 void OpThreads(Worker& w) {
-    ThreadArg arg{w.Pick(), w.Below(3000), w.Chance(40)};
-    IKspl* k = arg.k;
+    IKspl* k = w.Pick();
     HANDLE t = nullptr;
-    auto priority = w.Below(3);
-    if (!CHECK_OK(k->lpVtbl->KsoCreateThread(k, priority, ClientThread, &arg, &t))) return;
+    const PVOID sleepUs = KeyArg(w.Below(3000));
+    if (!CHECK_OK(k->lpVtbl->KsoCreateThread(k, w.Below(3), ClientThread, sleepUs, &t))) return;
     KSSTATUS st = k->lpVtbl->KsoWaitForThreadExit(k, t, w.Timeout());
     CHECK(st == 0 || st == KsplErr(10), st);
     CHECK_OK(k->lpVtbl->KsoWaitForThreadExit(k, t, -1));
-    CHECK(k->lpVtbl->KsoGetThreadExitStatus(k, t) == (arg.early ? 0x1234u : 0u), arg.early);
+    CHECK(k->lpVtbl->KsoGetThreadExitStatus(k, t) == 0, 0);
     CHECK_OK(k->lpVtbl->KsoDestroyThread(k, t));
 }
 
 // A work item or a timer scheduled again and again (a pending one refuses),
-// a timer perhaps cancelled: every run due must happen, and `finished` is
-// the routine's last touch of the context (its event, signalled from the
+// a timer perhaps cancelled: every run due must happen, and `runs` is the
+// routine's last touch of the context (its event, signalled from the
 // pool's threads, goes with it).
 struct Signal {
     IKspl* k;
     HANDLE done;
     std::atomic<int> runs{0};
-    std::atomic<int> finished{0};
 };
 void SignalRoutine(HANDLE, PVOID context) {
     auto* s = static_cast<Signal*>(context);
-    s->runs.fetch_add(1);
     s->k->lpVtbl->KsoSignalEvent(s->k, s->done, nullptr);
-    s->finished.fetch_add(1);
+    s->runs.fetch_add(1);
 }
 void OpScheduled(Worker& w) {
     IKspl* k = w.Pick();
@@ -268,7 +249,7 @@ void OpScheduled(Worker& w) {
         if (timer && w.Chance(20) && v->KsoCancelTimer(k, h)) --due;
         if (w.Chance(20)) std::this_thread::sleep_for(std::chrono::microseconds(w.Below(2000)));
     }
-    CHECK(WaitFor([&] { return s.finished == due; }) && s.runs == due, s.runs.load());
+    CHECK(WaitFor([&] { return s.runs == due; }), s.runs.load());
     CHECK_OK(timer ? v->KsoDestroyTimer(k, h) : v->KsoDestroyWorkItem(k, h));
     CHECK_OK(v->KsoDestroyEvent(k, s.done));
 }
@@ -346,14 +327,11 @@ void OpObjects(Worker& w) {
 // A store of its own, released while this thread still holds some of its
 // objects; some of those go to other threads, which drop them later.
 void DropOrphans(size_t keep) {
-    std::unique_lock<std::mutex> guard(g.orphanMutex);
-    while (g.orphans.size() > keep) {
+    std::lock_guard<std::mutex> guard(g.orphanMutex);
+    for (; g.orphans.size() > keep; g.orphans.pop_front()) {
         auto [store, user] = g.orphans.front();
-        g.orphans.pop_front();
-        guard.unlock();
         CHECK(static_cast<Obj*>(user)->magic == kMagic, 0);
         CHECK_OK(store->lpVtbl->DereferenceObject(store, user, 0));
-        guard.lock();
     }
 }
 void OpStoreRelease(Worker& w) {
@@ -366,10 +344,8 @@ void OpStoreRelease(Worker& w) {
         // Dropped now, before the release, or after it by this thread or another.
         const UINT32 when = w.Below(10);
         if (when < 3) CHECK_OK(om->lpVtbl->DereferenceObject(om, held[key], 0));
-        if (when >= 3 && when < 6) {
-            std::lock_guard<std::mutex> guard(g.orphanMutex);
-            g.orphans.push_back({om, held[key]});
-        }
+        std::lock_guard<std::mutex> guard(g.orphanMutex);
+        if (when >= 3 && when < 6) g.orphans.push_back({om, held[key]});
         if (when < 6) held[key] = nullptr;
     }
     CHECK(om->lpVtbl->Release(om) == 0, 0);
@@ -402,7 +378,6 @@ void OpSecurity(Worker& w) {
 // child can start them (not under ThreadSanitizer or qemu-user); no
 // configuration store: SQLite keeps its file locks per process, so a child
 // forked while another thread held the store's write lock stays busy.
-bool g_childMayStartThreads = false;  // probed before the workers start
 void OpFork(Worker& w) {
     std::fflush(nullptr);
     const pid_t pid = fork();
@@ -411,7 +386,7 @@ void OpFork(Worker& w) {
         w.own = KsplTestCreateInstance();
         OpMemory(w);
         OpConvert(w);
-        if (g_childMayStartThreads) OpScheduled(w);
+        if (ChildMayStartThreads()) OpScheduled(w);
         ReleaseInstance(w.own);
         _exit(g_failures == 0 ? 0 : 1);
     }
@@ -420,51 +395,42 @@ void OpFork(Worker& w) {
     CHECK(WIFEXITED(status) && WEXITSTATUS(status) == 0, status);
 }
 
-struct Op {
-    const char* name;
-    uint32_t weight;
-    void (*run)(Worker&);
-    std::atomic<unsigned long> count{0};
-};
-// Forks are not drawn: thread 0 forks at intervals.
-Op g_ops[] = {{"fork", 0, OpFork},         {"memory", 10, OpMemory},
-              {"locks", 10, OpLocks},      {"events", 10, OpEvents},
-              {"cancel", 3, OpCancel},     {"threads", 3, OpThreads},
-              {"scheduled", 7, OpScheduled}, {"convert", 6, OpConvert},
-              {"config", 3, OpConfig},     {"objects", 12, OpObjects},
-              {"store-release", 5, OpStoreRelease}, {"sc", 6, OpSecurity}};
+// Weighted; forks are not drawn: one thread forks at intervals.
+const std::pair<uint32_t, void (*)(Worker&)> kOps[] = {
+    {10, OpMemory}, {10, OpLocks},  {10, OpEvents},  {3, OpCancel},       {3, OpThreads},
+    {7, OpScheduled}, {6, OpConvert}, {3, OpConfig}, {12, OpObjects}, {5, OpStoreRelease},
+    {6, OpSecurity}};
 std::atomic<bool> g_stop{false};
 
 void WorkerMain(Worker* w, bool forks) {
-    uint32_t total = 0;
-    for (const Op& op : g_ops) total += op.weight;
     for (auto lastFork = Clock::now(); !g_stop;) {
-        Op* op = &g_ops[0];
-        const bool fork = forks && Clock::now() - lastFork > std::chrono::milliseconds(250);
-        for (uint32_t pick = w->Below(total); !fork && pick >= op->weight; ++op) pick -= op->weight;
-        if (fork) lastFork = Clock::now();
-        op->run(*w);
-        op->count.fetch_add(1, std::memory_order_relaxed);
+        if (forks && Clock::now() - lastFork > std::chrono::milliseconds(250)) {
+            lastFork = Clock::now();
+            OpFork(*w);
+        }
+        const auto* op = kOps;
+        for (uint32_t pick = w->Below(75); pick >= op->first; ++op) pick -= op->first;
+        op->second(*w);
     }
 }
 
 // ---------------------------------------------------------------------------
-// Setup and the final checks (run with the workers stopped).
+// Shared state made before the workers start and released after they stop.
 
 void SetUpShared() {
     static GUID component = {0x50A40001, 1, 2, {3, 4, 5, 6, 7, 8, 9, 10}};
     for (IKspl*& i : g.inst) i = KsplTestCreateInstance();
-    IKspl* k = g.inst[0];
-    CHECK_OK(k->lpVtbl->KsoAllocMutex(g.inst[0], 0, &g.locks[0]));
-    CHECK_OK(k->lpVtbl->KsoAllocSpinLock(g.inst[1], &g.locks[1]));
-    CHECK_OK(k->lpVtbl->KsoAllocReadWriteLock(g.inst[2], &g.locks[2]));
+    IKspl** in = g.inst;
+    CHECK_OK(in[0]->lpVtbl->KsoAllocMutex(in[0], 0, &g.locks[0]));
+    CHECK_OK(in[1]->lpVtbl->KsoAllocSpinLock(in[1], &g.locks[1]));
+    CHECK_OK(in[2]->lpVtbl->KsoAllocReadWriteLock(in[2], &g.locks[2]));
     for (int i = 0; i < 6; ++i) {  // odd ones: notification events
-        CHECK_OK(k->lpVtbl->KsoAllocEvent(g.inst[i % 4], i % 2, &g.events[i]));
+        CHECK_OK(in[0]->lpVtbl->KsoAllocEvent(in[i % 4], i % 2, &g.events[i]));
     }
     g.stores[0] = NewStore(0, 5, 1);
     g.stores[1] = NewStore(3, 3, 0);
     g.stores[2] = NewStore(0x10000000u, 4, 0);
-    g.sc = Create<ISCOM_2>(CLSID_ObjectManagerDataStore, IID_ISCObjectManager_2);
+    g.sc = Create<ISCOM_2>(IID_ISCObjectManager_2);
     CHECK_OK(g.sc->lpVtbl->Initialize(g.sc, &component, sizeof(Obj), 4, 0, 4, DeleteObj, nullptr,
                                       nullptr, 0));
 }
@@ -472,47 +438,36 @@ void SetUpShared() {
 void TearDownShared() {
     DropOrphans(0);
     for (int i = 0; i < 3; ++i) CHECK(g.counts[i] == g.adds[i], i);
-    IKspl* k = g.inst[0];
-    CHECK_OK(k->lpVtbl->KsoDestroyMutex(g.inst[0], g.locks[0]));
-    CHECK_OK(k->lpVtbl->KsoDestroySpinLock(g.inst[1], g.locks[1]));
-    CHECK_OK(k->lpVtbl->KsoDestroyReadWriteLock(g.inst[2], g.locks[2]));
-    for (int i = 0; i < 6; ++i) CHECK_OK(k->lpVtbl->KsoDestroyEvent(g.inst[i % 4], g.events[i]));
+    IKspl** in = g.inst;
+    CHECK_OK(in[0]->lpVtbl->KsoDestroyMutex(in[0], g.locks[0]));
+    CHECK_OK(in[1]->lpVtbl->KsoDestroySpinLock(in[1], g.locks[1]));
+    CHECK_OK(in[2]->lpVtbl->KsoDestroyReadWriteLock(in[2], g.locks[2]));
+    for (int i = 0; i < 6; ++i) CHECK_OK(in[0]->lpVtbl->KsoDestroyEvent(in[i % 4], g.events[i]));
     for (IOM_2* s : g.stores) CHECK(s->lpVtbl->Release(s) == 0, 0);
     CHECK(g.sc->lpVtbl->Release(g.sc) == 0, 0);
     for (IKspl* i : g.inst) ReleaseInstance(i);
 }
 
-// What must be back where it started once everything is released.
-auto Baseline() {
-    return std::make_tuple(KsplInUseCounters(pIKspl), KsAtomicLoad(&InterfaceCount),
-                           KsAtomicLoad(&g_ulCount), KsAtomicLoad(&g_KsplCurrentThreads));
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    uint64_t seconds = 10;
-    uint64_t threads = 6;
-    uint64_t seed = Clock::now().time_since_epoch().count();
-    std::map<std::string, uint64_t*> options = {
-        {"--seconds", &seconds}, {"--threads", &threads}, {"--seed", &seed}};
-    for (int i = 1; i < argc; i += 2) {
-        if (i + 1 == argc || options.count(argv[i]) == 0) threads = 0;
-        if (threads != 0) *options[argv[i]] = std::strtoull(argv[i + 1], nullptr, 0);
+    const char* names[] = {"--seconds", "--threads", "--seed"};
+    uint64_t values[] = {10, 6, static_cast<uint64_t>(Clock::now().time_since_epoch().count())};
+    bool usage = argc % 2 == 0;
+    for (int i = 1, n = 0; i + 1 < argc; i += 2, n = 0) {
+        while (n < 3 && std::strcmp(argv[i], names[n]) != 0) ++n;
+        usage |= n == 3;
+        if (n < 3) values[n] = std::strtoull(argv[i + 1], nullptr, 0);
     }
-    if (threads < 1 || threads > 8 || seconds == 0) {
+    const auto [seconds, threads, seed] = values;
+    if (usage || threads < 1 || threads > 8 || seconds == 0) {
         std::fprintf(stderr, "usage: kspl_soak [--seconds N] [--threads 1-8] [--seed N]\n");
         return 2;
     }
     std::printf("kspl_soak: seed %" PRIu64 "\n", seed);
-    std::fflush(stdout);
-    // Probed while the process has one thread. AddressSanitizer's allocator
-    // is not held across fork(): a child forked while another thread
-    // allocates can hang in its first allocation, so that build does not
-    // fork at all.
-    // qemu-user, which runs the i386 build, passes that probe but aborts
-    // when a child of the multi-threaded process starts a thread.
-    g_childMayStartThreads = ChildMayStartThreads() && sizeof(void*) == 8;
+    // AddressSanitizer's allocator is not held across fork(): a child forked
+    // while another thread allocates can hang in its first allocation, so
+    // that build does not fork at all.
 #if defined(__SANITIZE_ADDRESS__)
     const bool forks = false;
 #else
@@ -528,33 +483,31 @@ int main(int argc, char** argv) {
     DllStart();
     OrlmRegisterComponent("kspl (linked in)", DllGetClassObject, nullptr, ZLCOM_Table);
     ReleaseInstance(KsplTestCreateInstance());  // initialises the library
-    const auto before = Baseline();
+    // What must be back where it started once everything is released.
+    auto baseline = [] {
+        return std::make_tuple(KsplInUseCounters(pIKspl), KsAtomicLoad(&InterfaceCount),
+                               KsAtomicLoad(&g_ulCount), KsAtomicLoad(&g_KsplCurrentThreads));
+    };
+    const auto before = baseline();
     SetUpShared();
-    std::vector<Worker> workers;
+    std::deque<Worker> workers;
     std::vector<std::thread> running;
-    for (uint64_t i = 0; i < threads; ++i) {
-        workers.push_back({static_cast<int>(i), std::mt19937_64(seed + i)});
+    for (int i = 0; i < static_cast<int>(threads); ++i) {
+        workers.push_back({i, std::mt19937_64(seed + i)});
+        running.emplace_back(WorkerMain, &workers.back(), forks && i == 0);
     }
-    for (Worker& w : workers) running.emplace_back(WorkerMain, &w, forks && w.id == 0);
     std::this_thread::sleep_for(std::chrono::seconds(seconds));
     g_stop = true;
     for (std::thread& t : running) t.join();
     TearDownShared();
-
     // Deletion threads end on their own; their records go back to the
     // global instance just after they leave the thread count.
-    CHECK(WaitFor([&] { return Baseline() == before; }), 0);
+    CHECK(WaitFor([&] { return baseline() == before; }), 0);
     CHECK(g_inits == g_deletes, g_inits - g_deletes);
     ZLRegSetDatabasePath(nullptr);
     for (const char* suffix : {"", "-wal", "-shm", "-journal"}) unlink((db + suffix).c_str());
-
-    std::string detail;
-    for (const Op& op : g_ops) {
-        detail += ", " + std::string(op.name) + " " + std::to_string(op.count);
-    }
     std::printf("kspl_soak: %s, %d failures, %" PRIu64 " s, %" PRIu64 " threads, seed %" PRIu64
-                ", %ld objects%s\n",
-                g_failures == 0 ? "OK" : "FAILED", g_failures.load(), seconds, threads, seed,
-                g_inits.load(), detail.c_str());
+                ", %ld objects\n", g_failures == 0 ? "OK" : "FAILED", g_failures.load(), seconds,
+                threads, seed, g_inits.load());
     return g_failures == 0 ? 0 : 1;
 }
