@@ -284,6 +284,7 @@ void OpConfig(Worker& w) {
     UINT32 stored = 0;
     HANDLE key = nullptr;
     CHECK_OK(k->lpVtbl->KsoCreateKey(k, name, KSO_KEY_ALL_ACCESS, &key));
+    if (key == nullptr) return;  // counted as a failure already
     CHECK_OK(k->lpVtbl->KsoSetValueKey(k, key, value, KSO_REG_UINT32, &number, 4));
     CHECK_OK(k->lpVtbl->KsoQueryValueKey(k, key, value, info, sizeof info, &result));
     std::memcpy(&stored, info + sizeof(KSO_KEY_VALUE_INFORMATION) + sizeof value, 4);
