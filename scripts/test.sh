@@ -24,7 +24,7 @@ for p in "${presets[@]}"; do
 done
 # Reliability checks, after the presets (all of them on a full run).
 if [ $# -eq 0 ]; then
-  for check in "fuzz.sh ${KSPL_FUZZ_SECONDS:-30}" "soak.sh ${KSPL_SOAK_SECONDS:-60}" "valgrind.sh"; do
+  for check in "fuzz.sh ${KSPL_FUZZ_SECONDS:-60}" "soak.sh ${KSPL_SOAK_SECONDS:-120}" "valgrind.sh"; do
     script=${check%% *}
     [ -f "scripts/$script" ] || continue
     echo "=== $check ==="
