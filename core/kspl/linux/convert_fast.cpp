@@ -32,6 +32,9 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
 
 #include "../sysalloc_int.h"
 #include "convert_int.h"
@@ -349,6 +352,269 @@ inline bool AllAscii8(const unsigned char* p) {
     return (w & 0x8080808080808080ull) == 0;
 }
 
+#if defined(__x86_64__)
+// Text that converts is, block by block, nothing but ASCII and complete
+// two- and three-byte sequences, or units outside the surrogates. With
+// SSSE3 (looked up once) such blocks convert sixteen bytes or eight units at
+// a time through byte shuffles built at compile time; without it, and on
+// 32-bit x86, the loops below go one character at a time.
+
+bool HasSsse3() {
+    static const bool has = __builtin_cpu_supports("ssse3");
+    return has;
+}
+
+// Shuffles of eight 16-bit lanes: for each byte mask, the selected lanes
+// moved to the front (compact) or to the back (compactBack), the other lanes
+// zero; for each k up to 8, every lane moved k lanes to the front
+// (toFront), zero behind. count: the lanes each mask selects.
+struct LaneShuffles {
+    alignas(16) unsigned char compact[256][16];
+    alignas(16) unsigned char compactBack[256][16];
+    alignas(16) unsigned char toFront[9][16];
+    unsigned char count[256];
+};
+
+constexpr LaneShuffles MakeLaneShuffles() {
+    LaneShuffles t{};
+    const auto lane = [](unsigned char* row, int to, int from) {
+        row[2 * to] = static_cast<unsigned char>(2 * from);
+        row[2 * to + 1] = static_cast<unsigned char>(2 * from + 1);
+    };
+    for (int mask = 0; mask < 256; ++mask) {
+        int selected = 0;
+        for (int i = 0; i < 8; ++i) selected += (mask >> i) & 1;
+        t.count[mask] = static_cast<unsigned char>(selected);
+        for (int i = 0; i < 16; ++i) t.compact[mask][i] = t.compactBack[mask][i] = 0x80;
+        int to = 0;
+        for (int from = 0; from < 8; ++from) {
+            if (((mask >> from) & 1) == 0) continue;
+            lane(t.compact[mask], to, from);
+            lane(t.compactBack[mask], 8 - selected + to, from);
+            ++to;
+        }
+    }
+    for (int k = 0; k <= 8; ++k) {
+        for (int to = 0; to < 8; ++to) {
+            if (to + k < 8) {
+                lane(t.toFront[k], to, to + k);
+            } else {
+                t.toFront[k][2 * to] = t.toFront[k][2 * to + 1] = 0x80;
+            }
+        }
+    }
+    return t;
+}
+constexpr LaneShuffles kLanes = MakeLaneShuffles();
+
+// Shuffles of sixteen bytes, four lanes of four: for each pair of lane masks
+// (bit i: lane i holds two or more bytes, bit i + 4: three), the first one,
+// two or three bytes of each lane together at the front, and their number;
+// for each k, every byte moved k bytes to the front.
+struct ByteShuffles {
+    alignas(16) unsigned char gather[256][16];
+    alignas(16) unsigned char toFront[16][16];
+    unsigned char count[256];
+};
+constexpr ByteShuffles MakeByteShuffles() {
+    ByteShuffles t{};
+    for (int index = 0; index < 256; ++index) {
+        int to = 0;
+        for (int lane = 0; lane < 4; ++lane) {
+            const int length = 1 + ((index >> lane) & 1) + ((index >> (lane + 4)) & 1);
+            for (int i = 0; i < length; ++i) {
+                t.gather[index][to++] = static_cast<unsigned char>(4 * lane + i);
+            }
+        }
+        t.count[index] = static_cast<unsigned char>(to);
+        while (to < 16) t.gather[index][to++] = 0x80;
+    }
+    for (int k = 0; k < 16; ++k) {
+        for (int to = 0; to < 16; ++to) {
+            t.toFront[k][to] = static_cast<unsigned char>(to + k < 16 ? to + k : 0x80);
+        }
+    }
+    return t;
+}
+constexpr ByteShuffles kBytes = MakeByteShuffles();
+
+// Decodes whole blocks from in[*pos] on while at least 18 bytes remain (a
+// block reads two bytes past its end) and the block is plain: ASCII and
+// complete, valid two- and three-byte sequences, one that runs past the
+// block being left for the next. Advances *pos over them and returns the
+// units written to out, which has room for one unit per byte. A block that
+// is not plain holds a byte the byte-wise decoder fails on within the next
+// 18 bytes (stray or missing continuation bytes, 0xC0/0xC1, four-byte
+// forms, overlong forms, surrogates); it is left untouched, so a failed
+// conversion writes exactly what the reference writes.
+__attribute__((target("ssse3"))) int DecodeUtf8Blocks(const unsigned char* in, int n, WCHAR* out,
+                                                      int* pos) {
+    const auto load = [](const unsigned char* p) {
+        return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    };
+    const auto store = [](WCHAR* p, __m128i v) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v);
+    };
+    const auto bits = [](__m128i m) { return static_cast<unsigned>(_mm_movemask_epi8(m)); };
+    const auto inRange = [](__m128i v, int lo, int hi) {  // signed bytes lo..hi
+        return _mm_and_si128(_mm_cmpgt_epi8(v, _mm_set1_epi8(static_cast<char>(lo - 1))),
+                             _mm_cmplt_epi8(v, _mm_set1_epi8(static_cast<char>(hi + 1))));
+    };
+    const __m128i zero = _mm_setzero_si128();
+    int at = *pos;
+    int made = 0;
+    while (n - at >= 18) {
+        const unsigned char* p = in + at;
+        const __m128i v0 = load(p);
+        const unsigned high = bits(v0);
+        if (high == 0) {
+            store(out + made, _mm_unpacklo_epi8(v0, zero));
+            store(out + made + 8, _mm_unpackhi_epi8(v0, zero));
+            at += 16;
+            made += 16;
+            continue;
+        }
+        // As signed bytes: continuation 0x80-0xBF, leads 0xC2-0xDF and
+        // 0xE0-0xEF; each lead announces the continuation bytes after it.
+        const unsigned cont = bits(_mm_cmplt_epi8(v0, _mm_set1_epi8(-0x40)));
+        const unsigned lead2 = bits(inRange(v0, -0x3E, -0x21));
+        const unsigned lead3 = bits(inRange(v0, -0x20, -0x11));
+        const unsigned announced = (lead2 << 1) | (lead3 << 1) | (lead3 << 2);
+        if ((cont | lead2 | lead3) != high || cont != (announced & 0xFFFFu)) break;
+        const __m128i v1 = load(p + 1);
+        // After E0 the second byte is A0 or more (else overlong), after ED
+        // below A0 (else a surrogate): bit 5 of the continuation byte.
+        const unsigned upper = bits(_mm_slli_epi16(v1, 2));
+        const unsigned e0 = bits(_mm_cmpeq_epi8(v0, _mm_set1_epi8(static_cast<char>(0xE0))));
+        const unsigned ed = bits(_mm_cmpeq_epi8(v0, _mm_set1_epi8(static_cast<char>(0xED))));
+        if (((e0 & ~upper) | (ed & upper)) != 0) break;
+        // A sequence running past the block starts at its last lead.
+        const int used = (announced >> 16) != 0 ? 31 - __builtin_clz(lead2 | lead3) : 16;
+        const unsigned keep = ~cont & ((1u << used) - 1);
+        // Each unit at the lane of its first byte; then the units of the
+        // first half moved to the front, those of the second to the back.
+        __m128i halves[2];
+        for (int half = 0; half < 2; ++half) {
+            const auto widen = [&](__m128i x) {
+                return half == 0 ? _mm_unpacklo_epi8(x, zero) : _mm_unpackhi_epi8(x, zero);
+            };
+            const __m128i a = widen(v0);
+            const __m128i b = _mm_and_si128(widen(v1), _mm_set1_epi16(0x3F));
+            const __m128i two =
+                _mm_or_si128(_mm_slli_epi16(_mm_and_si128(a, _mm_set1_epi16(0x1F)), 6), b);
+            const __m128i isLead2 = _mm_cmpgt_epi16(a, _mm_set1_epi16(0xC1));
+            __m128i unit = _mm_or_si128(_mm_and_si128(isLead2, two), _mm_andnot_si128(isLead2, a));
+            if (lead3 != 0) {
+                const __m128i c = _mm_and_si128(widen(load(p + 2)), _mm_set1_epi16(0x3F));
+                const __m128i three =
+                    _mm_or_si128(_mm_or_si128(_mm_slli_epi16(a, 12), _mm_slli_epi16(b, 6)), c);
+                const __m128i isLead3 = _mm_cmpgt_epi16(a, _mm_set1_epi16(0xDF));
+                unit = _mm_or_si128(_mm_and_si128(isLead3, three), _mm_andnot_si128(isLead3, unit));
+            }
+            const unsigned lanes = (keep >> (8 * half)) & 0xFFu;
+            const auto& shuffle = half == 0 ? kLanes.compact[lanes] : kLanes.compactBack[lanes];
+            halves[half] = _mm_shuffle_epi8(unit, load(shuffle));
+        }
+        const int first = kLanes.count[keep & 0xFFu];
+        const int count = first + kLanes.count[keep >> 8];
+        WCHAR* to = out + made;
+        if (count >= 8) {
+            // The first eight, then the last eight: the second half's units
+            // behind those of the first that fall among them. Nothing past
+            // the units made is written.
+            store(to, halves[0]);
+            const __m128i front = _mm_shuffle_epi8(halves[0], load(kLanes.toFront[count - 8]));
+            store(to + count - 8, _mm_or_si128(front, halves[1]));
+        } else {
+            // At least five units (14 bytes or more in sequences of at most
+            // three): through a scratch area, two overlapping copies.
+            alignas(16) WCHAR units[16];
+            store(units, halves[0]);
+            store(units + 8, halves[1]);
+            std::memmove(units + first, units + 16 - (count - first), 2 * (count - first));
+            std::memcpy(to, units, 8);
+            std::memcpy(to + count - 4, units + count - 4, 8);
+        }
+        at += used;
+        made += count;
+    }
+    *pos = at;
+    return made;
+}
+
+// Encodes groups of eight units from in[*pos] on while at least eight
+// remain and none is a surrogate, to out, which has room for three bytes
+// per unit. Advances *pos over them and returns the bytes written; a group
+// with a surrogate is left to the unit-wise encoder, which fails on it.
+// Exactly the bytes made are written.
+__attribute__((target("ssse3"))) int EncodeUtf8Blocks(const WCHAR* in, int n, unsigned char* out,
+                                                      int* pos) {
+    const auto load = [](const void* p) {
+        return _mm_loadu_si128(static_cast<const __m128i*>(p));
+    };
+    const __m128i zero = _mm_setzero_si128();
+    int at = *pos;
+    int made = 0;
+    while (n - at >= 8) {
+        const __m128i v = load(in + at);
+        // ASCII units: one byte each.
+        if (_mm_movemask_epi8(_mm_cmpeq_epi16(_mm_and_si128(v, _mm_set1_epi16(-0x80)), zero)) ==
+            0xFFFF) {
+            _mm_storel_epi64(reinterpret_cast<__m128i*>(out + made), _mm_packus_epi16(v, v));
+            at += 8;
+            made += 8;
+            continue;
+        }
+        const __m128i surrogate = _mm_cmpeq_epi16(_mm_and_si128(v, _mm_set1_epi16(-0x800)),
+                                                  _mm_set1_epi16(static_cast<short>(0xD800)));
+        if (_mm_movemask_epi8(surrogate) != 0) break;
+        const bool anyThree =
+            _mm_movemask_epi8(_mm_cmpeq_epi16(_mm_and_si128(v, _mm_set1_epi16(-0x800)), zero)) !=
+            0xFFFF;
+        for (int quarter = 0; quarter < 2; ++quarter) {
+            // Four units in 32-bit lanes, each lane its one to three bytes.
+            const __m128i u = quarter == 0 ? _mm_unpacklo_epi16(v, zero) : _mm_unpackhi_epi16(v, zero);
+            const __m128i last = _mm_or_si128(_mm_and_si128(u, _mm_set1_epi32(0x3F)),
+                                              _mm_set1_epi32(0x80));
+            const __m128i two = _mm_or_si128(
+                _mm_or_si128(_mm_srli_epi32(u, 6), _mm_set1_epi32(0xC0)), _mm_slli_epi32(last, 8));
+            const __m128i isTwo = _mm_cmpgt_epi32(u, _mm_set1_epi32(0x7F));
+            __m128i lanes = _mm_or_si128(_mm_and_si128(isTwo, two), _mm_andnot_si128(isTwo, u));
+            int index = _mm_movemask_ps(_mm_castsi128_ps(isTwo));
+            if (anyThree) {
+                const __m128i middle = _mm_or_si128(
+                    _mm_and_si128(_mm_srli_epi32(u, 6), _mm_set1_epi32(0x3F)), _mm_set1_epi32(0x80));
+                const __m128i three = _mm_or_si128(
+                    _mm_or_si128(_mm_srli_epi32(u, 12), _mm_set1_epi32(0xE0)),
+                    _mm_or_si128(_mm_slli_epi32(middle, 8), _mm_slli_epi32(last, 16)));
+                const __m128i isThree = _mm_cmpgt_epi32(u, _mm_set1_epi32(0x7FF));
+                lanes = _mm_or_si128(_mm_and_si128(isThree, three), _mm_andnot_si128(isThree, lanes));
+                index |= _mm_movemask_ps(_mm_castsi128_ps(isThree)) << 4;
+            }
+            const __m128i bytes = _mm_shuffle_epi8(lanes, load(kBytes.gather[index]));
+            // Four to twelve bytes, written as two overlapping pieces.
+            const int count = kBytes.count[index];
+            unsigned char* to = out + made;
+            const int piece = count >= 8 ? 8 : 4;
+            const __m128i tail = _mm_shuffle_epi8(bytes, load(kBytes.toFront[count - piece]));
+            if (piece == 8) {
+                _mm_storel_epi64(reinterpret_cast<__m128i*>(to), bytes);
+                _mm_storel_epi64(reinterpret_cast<__m128i*>(to + count - 8), tail);
+            } else {
+                const int head = _mm_cvtsi128_si32(bytes);
+                const int end = _mm_cvtsi128_si32(tail);
+                std::memcpy(to, &head, 4);
+                std::memcpy(to + count - 4, &end, 4);
+            }
+            made += count;
+        }
+        at += 8;
+    }
+    *pos = at;
+    return made;
+}
+#endif
+
 template <bool kCheck>
 int DecodeUtf8(const unsigned char* in, int n, WCHAR* out, int capacity, int* pOut) {
     int pos = 0;
@@ -361,6 +627,11 @@ int DecodeUtf8(const unsigned char* in, int n, WCHAR* out, int capacity, int* pO
         pos = 4;
         if (kCheck && pos < n && produced >= capacity) return Fail(pOut);
     }
+#if defined(__x86_64__)
+    // With room for one unit per byte, plain blocks first; what remains is
+    // shorter than a block or holds the failure.
+    if (!kCheck && HasSsse3()) produced += DecodeUtf8Blocks(in, n, out + produced, &pos);
+#endif
     while (pos < n) {
         const unsigned b = in[pos];
         if (b < 0x80) {
@@ -412,6 +683,11 @@ inline bool AllAscii4(const WCHAR* p) {
 template <bool kSwapped, bool kCheck>
 int EncodeUtf8(const WCHAR* in, int pos, int n, unsigned char* out, int capacity, int* pOut) {
     int produced = 0;
+#if defined(__x86_64__)
+    // With room for three bytes per unit, whole groups first; what remains
+    // is shorter than a group or holds the failure.
+    if (!kSwapped && !kCheck && HasSsse3()) produced = EncodeUtf8Blocks(in, n, out, &pos);
+#endif
     int ascii = 0;  // ASCII units in a row
     while (pos < n) {
         const unsigned u = kSwapped ? Swapped(in[pos]) : in[pos];
