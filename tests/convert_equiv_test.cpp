@@ -126,58 +126,93 @@ TEST_P(ConvertEquivTest, CodePageMatchesReference) {
     }
 }
 
-// UTF-8 over long texts, which the codec takes many characters at a time:
-// mixes of one-, two- and three-byte characters (with the edge units of
-// each length), then the same text with a fault at each of its first
-// positions (a broken, overlong, surrogate or four-byte sequence inserted;
-// a surrogate unit put in). Capacities: room for the worst case, exactly
-// enough, and one that runs out somewhere.
+// Long texts, which the conversions take many characters at a time, then
+// the same text with a fault at each of its first positions: in the narrow
+// text a piece inserted (for UTF-8 broken, overlong, surrogate and four-byte
+// sequences; for the single-byte code pages brackets, escapes, a byte with
+// no character in WINDOWS-1252), in the 16-bit text a unit replaced.
+// Capacities: room for the worst case, exactly enough, one that runs out.
+struct LongTexts {
+    TextSource src{99};
+    Checker c;
+    void Sweep(char* page, const std::vector<WCHAR>& units, const char* const* faults,
+               size_t faultCount, WCHAR badFrom, uint32_t badSpan) {
+        const int n = static_cast<int>(units.size());
+        const ConvRun encoded = RoutineToNarrow(false, page, units, 6 * n + 1);
+        ASSERT_EQ(encoded.rc, 0);
+        const std::string text = NarrowText(encoded);
+        const int bytes = static_cast<int>(text.size());
+        for (int cap : {6 * n + 1, bytes + 1, static_cast<int>(src.Pick(bytes + 1))}) {
+            c.ToNarrow(page, units, cap);
+        }
+        for (int cap : {bytes + 1, n, static_cast<int>(src.Pick(n + 1))}) {
+            c.ToWide(page, FALSE, text, cap);
+        }
+        for (int at = 0; at < 36 && at < n; ++at) {
+            std::vector<WCHAR> bad = units;
+            bad[at] = static_cast<WCHAR>(badFrom + src.Pick(badSpan));
+            c.ToNarrow(page, bad, 6 * n + 1);
+            std::string broken = text;
+            broken.insert(static_cast<size_t>(at), faults[src.Pick(static_cast<uint32_t>(faultCount))]);
+            c.ToWide(page, FALSE, broken, static_cast<int>(broken.size()) + 1);
+        }
+    }
+};
+
 TEST_F(ConvertEquivTest, LongUtf8TextsWithAFaultAnywhere) {
     static const char* const kFaults[] = {"\x80", "\xBF", "\xC0\x80", "\xC1\xBF", "\xC3",
                                           "\xE4\xB8", "\xE0\x80\x80", "\xE0\x9F\xBF",
                                           "\xED\xA0\x80", "\xED\xBF\xBF", "\xF0\x90\x80\x80",
                                           "\xF3\xA0\x81\x81", "\xF8", "\xFF"};
     static constexpr WCHAR kEdges[] = {0x7F, 0x80, 0x7FF, 0x800, 0xD7FF, 0xE000, 0xFEFF, 0xFFFE, 0xFFFF};
-    static constexpr int kMixes[][3] = {{1, 0, 0}, {2, 1, 0}, {1, 1, 0}, {0, 1, 0},
-                                        {1, 1, 1}, {0, 0, 1}, {6, 0, 1}};
-    TextSource src(99);
-    Checker c;
+    // Weights of one-, two- and three-byte characters.
+    static constexpr uint32_t kMixes[][3] = {{1, 0, 0}, {2, 1, 0}, {1, 1, 0}, {0, 1, 0},
+                                             {1, 1, 1}, {0, 0, 1}, {6, 0, 1}};
+    LongTexts t;
     for (const auto& mix : kMixes) {
-        for (int round = 0; round < 16 && !c.TooMany(); ++round) {
-            std::vector<WCHAR> units(20 + src.Pick(60));
+        for (int round = 0; round < 16 && !t.c.TooMany(); ++round) {
+            std::vector<WCHAR> units(20 + t.src.Pick(60));
             for (WCHAR& u : units) {
-                uint32_t r = src.Pick(mix[0] + mix[1] + mix[2]);
+                const uint32_t r = t.src.Pick(mix[0] + mix[1] + mix[2]);
                 // (A first U+FFFE would make the rest byte-swapped.)
-                if (src.Pick(16) == 0 && &u != &units[0]) {
-                    u = kEdges[src.Pick(std::size(kEdges))];
-                } else if (r < static_cast<uint32_t>(mix[0])) {
-                    u = static_cast<WCHAR>(src.Pick(0x80));
-                } else if (r < static_cast<uint32_t>(mix[0] + mix[1])) {
-                    u = static_cast<WCHAR>(0x80 + src.Pick(0x780));
+                if (t.src.Pick(16) == 0 && &u != &units[0]) {
+                    u = kEdges[t.src.Pick(std::size(kEdges))];
+                } else if (r < mix[0]) {
+                    u = static_cast<WCHAR>(t.src.Pick(0x80));
+                } else if (r < mix[0] + mix[1]) {
+                    u = static_cast<WCHAR>(0x80 + t.src.Pick(0x780));
                 } else {
-                    do u = static_cast<WCHAR>(0x800 + src.Pick(0xF800));
+                    do u = static_cast<WCHAR>(0x800 + t.src.Pick(0xF800));
                     while ((u & 0xF800) == 0xD800);
                 }
             }
-            const int n = static_cast<int>(units.size());
-            const ConvRun encoded = RoutineToNarrow(false, nullptr, units, 3 * n + 1);
-            ASSERT_EQ(encoded.rc, 0);
-            const std::string text = NarrowText(encoded);
-            const int bytes = static_cast<int>(text.size());
-            for (int cap : {3 * n + 1, bytes + 1, static_cast<int>(src.Pick(bytes + 1))}) {
-                c.ToNarrow(nullptr, units, cap);
+            t.Sweep(nullptr, units, kFaults, std::size(kFaults), 0xD800, 0x800);
+        }
+    }
+}
+
+// The single-byte code pages of the setup 437 (CP437, WINDOWS-1252): runs
+// of ASCII of every length between single other characters (Latin-1,
+// escaped, brackets, separators, the euro sign).
+TEST_F(ConvertEquivTest, LongSingleByteTextsWithAFaultAnywhere) {
+    ASSERT_TRUE(SetUpCodePages("437"));
+    static const char* const kFaults[] = {"[", "]", "[12", "[4E2D]", "[zz12]", "\x81", "\xCC", "\x80"};
+    static constexpr WCHAR kOthers[] = {'[', ']', ':', '\\', 0x20AC, 0xCC, 0xFEFF, 0x4E2D, 0x0416};
+    LongTexts t;
+    for (char* page : {g_pOemCodePage, g_pAnsiCodePage}) {
+        ASSERT_TRUE(KsplConvHasTables(page)) << page;
+        for (int round = 0; round < 24 && !t.c.TooMany(); ++round) {
+            std::vector<WCHAR> units;
+            while (units.size() < 60) {
+                for (uint32_t run = t.src.Pick(20); run > 0; --run) {
+                    units.push_back(static_cast<WCHAR>(0x20 + t.src.Pick(0x5F)));
+                }
+                const uint32_t r = t.src.Pick(3);
+                units.push_back(r == 0   ? static_cast<WCHAR>(0xA0 + t.src.Pick(0x60))
+                                : r == 1 ? kOthers[t.src.Pick(std::size(kOthers))]
+                                         : static_cast<WCHAR>(0x100 + t.src.Pick(0xFF00)));
             }
-            for (int cap : {bytes + 1, n, static_cast<int>(src.Pick(n + 1))}) {
-                c.ToWide(nullptr, FALSE, text, cap);
-            }
-            for (int at = 0; at < 36 && at < n; ++at) {
-                std::vector<WCHAR> bad = units;
-                bad[at] = static_cast<WCHAR>(0xD800 + src.Pick(0x800));
-                c.ToNarrow(nullptr, bad, 3 * n + 1);
-                std::string broken = text;
-                broken.insert(static_cast<size_t>(at), kFaults[src.Pick(std::size(kFaults))]);
-                c.ToWide(nullptr, FALSE, broken, static_cast<int>(broken.size()) + 1);
-            }
+            t.Sweep(page, units, kFaults, std::size(kFaults), 0x80, 0xFF80);
         }
     }
 }

@@ -32,7 +32,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#if defined(__x86_64__)
+#if defined(__SSE2__) || defined(__x86_64__)
 #include <immintrin.h>
 #endif
 
@@ -57,12 +57,20 @@ inline int Succeed(int* pOut, int produced) {
     return 0;
 }
 
+inline int LoadU32(const void* p) {
+    int v;
+    std::memcpy(&v, p, sizeof(v));
+    return v;
+}
+
 inline WCHAR Swapped(WCHAR u) { return static_cast<WCHAR>((u >> 8) | (u << 8)); }
 
 // The digit rule of the escapes read back: '0'-'9', anything else its
-// lower-case code minus 87.
+// lower-case code minus 87. The letters of hexadecimal digits have the same
+// lower case in every locale; only other bytes ask the locale.
 inline unsigned HexDigit(unsigned char c) {
     if (c >= '0' && c <= '9') return c - '0';
+    if ((c | 0x20u) - 'a' < 6u) return (c | 0x20u) - 87u;
     return static_cast<unsigned>(std::tolower(c) - 87);
 }
 
@@ -103,6 +111,9 @@ struct SingleByteTables {
     // Per byte, with the separators, '[' and (index 0: code page without
     // the euro sign) 0xCC folded in.
     uint32_t toWide[2][256];
+    // Every ASCII byte but '[' is its own unit, and every unit below 0x80
+    // its own byte: runs of them are copied, not looked up.
+    bool asciiSame;
 };
 
 // REQUIRES: no conversion in progress (setup or release).
@@ -188,6 +199,10 @@ bool Probe(const char* name, SingleByteTables* t) {
         t->toWide[1][b] = v;
         t->toWide[0][b] = b == 0xCC ? 0x20AC : v;
     }
+    t->asciiSame = true;
+    for (unsigned c = 0; c < 0x80; ++c) {
+        if ((c != '[' && t->toWide[0][c] != c) || t->toNarrow[c] != c) t->asciiSame = false;
+    }
     return true;
 }
 
@@ -213,14 +228,79 @@ const SingleByteTables* FindTables(const char* name) {
     return nullptr;
 }
 
+#if defined(__SSE2__)
+// The length of the run at in, up to 16 bytes (all readable), of ASCII
+// bytes other than '['.
+inline int PlainAsciiBytes(const unsigned char* in) {
+    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
+    const unsigned stop = static_cast<unsigned>(
+        _mm_movemask_epi8(_mm_or_si128(v, _mm_cmpeq_epi8(v, _mm_set1_epi8('[')))));
+    return stop == 0 ? 16 : __builtin_ctz(stop);
+}
+
+// Widens the k bytes at in (4 <= k <= 16) to out as two overlapping pieces:
+// exactly k units are written.
+inline void WidenRun(const unsigned char* in, int k, WCHAR* out) {
+    const __m128i zero = _mm_setzero_si128();
+    const auto piece = [&](int at, bool eight) {
+        const __m128i bytes = eight ? _mm_loadl_epi64(reinterpret_cast<const __m128i*>(in + at))
+                                    : _mm_cvtsi32_si128(LoadU32(in + at));
+        const __m128i units = _mm_unpacklo_epi8(bytes, zero);
+        if (eight) {
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(out + at), units);
+        } else {
+            _mm_storel_epi64(reinterpret_cast<__m128i*>(out + at), units);
+        }
+    };
+    const bool eight = k >= 8;
+    piece(0, eight);
+    piece(k - (eight ? 8 : 4), eight);
+}
+
+// The length of the run at in, up to 8 units (all readable), of units below
+// 0x80.
+inline int PlainAsciiUnits(const WCHAR* in) {
+    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
+    const __m128i wide = _mm_cmpeq_epi16(_mm_and_si128(v, _mm_set1_epi16(-0x80)), _mm_setzero_si128());
+    const unsigned stop = ~static_cast<unsigned>(_mm_movemask_epi8(wide)) & 0xFFFFu;
+    return stop == 0 ? 8 : __builtin_ctz(stop) / 2;
+}
+
+// Narrows the k units at in (4 <= k <= 8), all below 0x80, to out as two
+// overlapping pieces of four: exactly k bytes are written.
+inline void NarrowRun(const WCHAR* in, int k, char* out) {
+    const auto piece = [&](int at) {
+        const __m128i units = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(in + at));
+        const int bytes = _mm_cvtsi128_si32(_mm_packus_epi16(units, units));
+        std::memcpy(out + at, &bytes, 4);
+    };
+    piece(0);
+    piece(k - 4);
+}
+#endif
+
 // The reference loop of LocToUni over a table. kCheck: the capacity may
 // run out before the input does.
 template <bool kCheck>
-int TableLocToUni(const uint32_t* toWide, const unsigned char* in, int n, WCHAR* out,
-                  int capacity, int* pOut) {
+int TableLocToUni(const uint32_t* toWide, bool asciiSame, const unsigned char* in, int n,
+                  WCHAR* out, int capacity, int* pOut) {
     int pos = 0;
     int produced = 0;
     while (pos < n) {
+#if defined(__SSE2__)
+        // A run of four ASCII bytes or more copied as it is.
+        if (!kCheck && asciiSame && n - pos >= 16) {
+            const int run = PlainAsciiBytes(in + pos);
+            if (run >= 4) {
+                WidenRun(in + pos, run, out + produced);
+                pos += run;
+                produced += run;
+                continue;
+            }
+        }
+#else
+        (void)asciiSame;
+#endif
         if (!kCheck) {
             // Four plain bytes at a time while they last.
             while (n - pos >= 4) {
@@ -265,6 +345,18 @@ template <bool kSwapped, bool kCheck>
 int TableUniToLoc(const SingleByteTables& t, const WCHAR* in, int pos, int n, char* out,
                   int produced, int capacity, int* pOut) {
     while (pos < n && (!kCheck || produced < capacity)) {
+#if defined(__SSE2__)
+        // A run of four units below 0x80 or more copied as it is.
+        if (!kSwapped && !kCheck && t.asciiSame && n - pos >= 8) {
+            const int run = PlainAsciiUnits(in + pos);
+            if (run >= 4) {
+                NarrowRun(in + pos, run, out + produced);
+                pos += run;
+                produced += run;
+                continue;
+            }
+        }
+#endif
         if (!kSwapped && !kCheck) {
             // Four plain units at a time while they last.
             while (n - pos >= 4) {
@@ -861,8 +953,10 @@ int KsplFastLocToUni(char* pCodePage, BOOLEAN codePageSupportsEuro, char* pInMul
         // One unit per byte at most: with room for all, only the input ends
         // the loop.
         return capacity >= inMultiChars
-                   ? TableLocToUni<false>(toWide, in, inMultiChars, pOutWide, capacity, pOutWideChars)
-                   : TableLocToUni<true>(toWide, in, inMultiChars, pOutWide, capacity, pOutWideChars);
+                   ? TableLocToUni<false>(toWide, t->asciiSame, in, inMultiChars, pOutWide,
+                                          capacity, pOutWideChars)
+                   : TableLocToUni<true>(toWide, t->asciiSame, in, inMultiChars, pOutWide,
+                                         capacity, pOutWideChars);
     }
     iconv_t cd = t_descriptors.Get(pCodePage, true);
     if (cd == kNoDescriptor) {
