@@ -32,7 +32,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#if defined(__SSE2__) || defined(__x86_64__)
+#if defined(__SSE2__)
 #include <immintrin.h>
 #endif
 
@@ -55,12 +55,6 @@ inline int Fail(int* pOut) {
 inline int Succeed(int* pOut, int produced) {
     *pOut = produced;
     return 0;
-}
-
-inline int LoadU32(const void* p) {
-    int v;
-    std::memcpy(&v, p, sizeof(v));
-    return v;
 }
 
 inline WCHAR Swapped(WCHAR u) { return static_cast<WCHAR>((u >> 8) | (u << 8)); }
@@ -244,7 +238,7 @@ inline void WidenRun(const unsigned char* in, int k, WCHAR* out) {
     const __m128i zero = _mm_setzero_si128();
     const auto piece = [&](int at, bool eight) {
         const __m128i bytes = eight ? _mm_loadl_epi64(reinterpret_cast<const __m128i*>(in + at))
-                                    : _mm_cvtsi32_si128(LoadU32(in + at));
+                                    : _mm_loadu_si32(in + at);
         const __m128i units = _mm_unpacklo_epi8(bytes, zero);
         if (eight) {
             _mm_storeu_si128(reinterpret_cast<__m128i*>(out + at), units);
