@@ -5,10 +5,27 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 
 #include "kspl.h"
 #include "orlm.h"
+
+// Invariants stated beside the code are also checked in every build but the
+// release one (KSPL_DCHECKS): a broken invariant stops the process at once,
+// where the damage is still visible, instead of corrupting a list later.
+[[noreturn]] void KsDcheckFailed(const char* cond, const char* file, int line, const char* func);
+#if defined(KSPL_DCHECKS) && KSPL_DCHECKS
+#define KS_DCHECK(cond) \
+    ((cond) ? static_cast<void>(0) : KsDcheckFailed(#cond, __FILE__, __LINE__, __func__))
+#else
+#define KS_DCHECK(cond) static_cast<void>(sizeof(static_cast<bool>(cond)))
+#endif
+
+// The record that embeds `member` at `ptr` (lists link records through an
+// embedded LIST_ENTRY). Type must be standard-layout for offsetof.
+#define KsContainerOf(ptr, Type, member) \
+    reinterpret_cast<Type*>(reinterpret_cast<char*>(ptr) - offsetof(Type, member))
 
 // Four ASCII characters read as a little-endian 32-bit value.
 constexpr UINT32 KsSignature(const char (&s)[5]) {

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 
 #include "dbg_int.h"
 
@@ -28,6 +29,14 @@ void KsplLog(int priority, const char* format, ...) {
     va_start(args, format);
     KsplLogV(priority, format, args);
     va_end(args);
+}
+
+void KsDcheckFailed(const char* cond, const char* file, int line, const char* func) {
+    // Both places: the system log may have nobody listening, and a test run
+    // shows only what reaches stderr.
+    std::fprintf(stderr, "[KSPL] check failed: %s (%s:%d, %s)\n", cond, file, line, func);
+    KsplLog(LOG_USER | LOG_ERR, "check failed: %s (%s:%d, %s)", cond, file, line, func);
+    std::abort();
 }
 
 void KsoDebugBreakPoint(IKspl* /*pThis*/) {}
