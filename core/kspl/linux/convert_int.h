@@ -42,17 +42,35 @@ int KsplUniToLocOn(iconv_t descriptor, WCHAR* pInWide, int inWideChars, char* pO
                    int* pOutMultiChars);
 
 // The routines behind the services and the exported LocToUni, Utf8ToUni,
-// UniToLoc and UniToUtf8 (convert_fast.cpp). Same contract and same results
+// UniToLoc and UniToUtf8 (convert_table.cpp, convert_utf8.cpp). Same
+// contract and same results
 // as the reference, output written before a failure included: lookup tables
 // for the single-byte code pages chosen by the setup, a UTF-8 codec of our
 // own, and for any other code page the reference loops on a descriptor
-// cached per thread.
+// cached per thread. The tables and the codec take runs of characters at a
+// time with the vector kernels of the variant in use (below).
 int KsplFastLocToUni(char* pCodePage, BOOLEAN codePageSupportsEuro, char* pInMulti,
                      int inMultiChars, WCHAR* pOutWide, int* pOutWideChars);
 int KsplFastUtf8ToUni(char* pInMulti, int inMultiChars, WCHAR* pOutWide, int* pOutWideChars);
 int KsplFastUniToLoc(char* pCodePage, WCHAR* pInWide, int inWideChars, char* pOutMulti,
                      int* pOutMultiChars);
 int KsplFastUniToUtf8(WCHAR* pInWide, int inWideChars, char* pOutMulti, int* pOutMultiChars);
+
+// Variants of the vector kernels, each a superset of the one before:
+// scalar (a plain i686, the per-character loops only), SSE2 (runs of ASCII
+// copied sixteen bytes at a time), SSSE3 (UTF-8 blocks with any one-, two-
+// and three-byte characters through byte shuffles), AVX2 (the same, with
+// runs of ASCII thirty-two bytes at a time). Every variant gives the same
+// results.
+enum class KsplConvIsa : int { kScalar = 0, kSse2 = 1, kSsse3 = 2, kAvx2 = 3 };
+// The widest variant the CPU supports, looked up once.
+KsplConvIsa KsplConvIsaBest();
+// The variant the conversions use: the widest, unless a test chose another.
+KsplConvIsa KsplConvIsaInUse();
+// Test hook: use `isa` from now on; false (nothing changed) when the CPU
+// lacks it. Not for use while conversions run on other threads.
+bool KsplConvUseIsa(KsplConvIsa isa);
+const char* KsplConvIsaName(KsplConvIsa isa);
 
 // Lookup tables of the OEM and ANSI code pages, built by the code page setup
 // for each of them that probes as single-byte, and released with the names.

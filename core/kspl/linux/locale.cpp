@@ -1,7 +1,7 @@
 // locale.cpp - choice of the OEM and ANSI code pages at initialisation.
 //
 // The four globals, and the lookup tables of the code pages they name
-// (convert_fast.cpp), are written only by the setup and release, which run
+// (convert_table.cpp), are written only by the setup and release, which run
 // under g_hModuleMutex before any instance exists and after the last one
 // is gone; conversions read them without locks.
 #include <iconv.h>
