@@ -11,14 +11,21 @@
 // descriptor). Texts: ASCII; Latin-1 letters; every tenth character outside
 // Latin-1 (escaped by the services in the single-byte code pages, ordinary
 // characters in UTF-8); Japanese (kana, kanji and ASCII) for SHIFT_JIS.
-// Throughput counts characters of the text (bytes_per_second = characters
-// per second). The services get output buffers large enough for the worst
-// case, so they write in place without a work buffer.
+// Throughput: bytes_per_second counts characters of the text; the counter
+// GB/s counts input bytes (16-bit units: two bytes each; narrow text: its
+// encoded length) in 10^9 bytes per CPU second. The services get output
+// buffers large enough for the worst case, so they write in place without a
+// work buffer.
+//
+// variant/<isa>/<direction>/<code page>/<text>/65536 runs the services with
+// the vector kernels forced to one variant (scalar is what a plain i686
+// runs), skipped where the CPU lacks it.
 //
 // The bulk baseline for 16-bit to a single-byte code page with characters
 // it lacks uses //TRANSLIT (it writes '?' instead of escaping them; //IGNORE
 // would stop early and flatter the baseline). After the run a table gives
-// the throughput of all three and the ratios, from process CPU time.
+// the throughput of all three and the ratios, from process CPU time, and the
+// services' GB/s.
 #include <benchmark/benchmark.h>
 #include <iconv.h>
 
@@ -107,6 +114,7 @@ std::string NarrowOf(const std::vector<WCHAR>& wide, const Page& page) {
 // measured loop; the last run of a case wins.
 struct Rates {
     double rate[3] = {};
+    double gbps = 0;  // the services, input bytes
 };
 std::map<std::string, Rates>& RateTable() {
     static auto* table = new std::map<std::string, Rates>;
@@ -122,29 +130,57 @@ struct Case {
     Impl impl;
     Kind kind;
     const Page* page;
+    bool variant = false;  // a variant row: not in the table
+    KsplConvIsa isa = KsplConvIsa::kScalar;
 };
 
-void Finish(benchmark::State& state, const Case& c, size_t chars, double cpuStart) {
+// Forces the case's variant for the life of one benchmark run (nothing for
+// the ordinary rows); false when the CPU lacks it.
+class VariantScope {
+public:
+    explicit VariantScope(const Case& c) : active_(c.variant) {
+        if (active_) ok_ = KsplConvUseIsa(c.isa);
+    }
+    ~VariantScope() {
+        if (active_) KsplConvUseIsa(KsplConvIsaBest());
+    }
+    VariantScope(const VariantScope&) = delete;
+    VariantScope& operator=(const VariantScope&) = delete;
+    bool ok() const { return ok_; }
+
+private:
+    bool active_;
+    bool ok_ = true;
+};
+
+void Finish(benchmark::State& state, const Case& c, size_t chars, size_t inBytes, double cpuStart) {
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * chars));
+    state.counters["GB/s"] = benchmark::Counter(
+        static_cast<double>(state.iterations()) * static_cast<double>(inBytes) / 1e9,
+        benchmark::Counter::kIsRate);
     const double seconds = CpuSeconds() - cpuStart;
-    if (seconds <= 0) return;
+    if (seconds <= 0 || c.variant) return;
     char name[96];
     std::snprintf(name, sizeof(name), "%s/%s/%s/%zu", c.direction, c.page->name, KindName(c.kind),
                   chars);
-    RateTable()[name].rate[static_cast<int>(c.impl)] =
-        static_cast<double>(state.iterations() * chars) / seconds;
+    Rates& rates = RateTable()[name];
+    rates.rate[static_cast<int>(c.impl)] = static_cast<double>(state.iterations() * chars) / seconds;
+    if (c.impl == Impl::Kspl) {
+        rates.gbps = static_cast<double>(state.iterations()) * static_cast<double>(inBytes) / seconds / 1e9;
+    }
 }
 
 void PrintRatios() {
-    std::printf("\n%-40s %10s %10s %10s %9s %9s\n", "case (M characters/s)", "kspl", "ref",
-                "iconv", "kspl/ref", "kspl/iconv");
+    std::printf("\n%-40s %10s %10s %10s %9s %9s %9s\n", "case (M characters/s)", "kspl", "ref",
+                "iconv", "kspl/ref", "kspl/iconv", "kspl GB/s");
     for (const auto& [name, r] : RateTable()) {
         const double kspl = r.rate[0];
         const double ref = r.rate[1];
         const double bulk = r.rate[2];
         if (kspl <= 0) continue;
-        std::printf("%-40s %10.2f %10.2f %10.2f %8.0fx %8.2fx\n", name.c_str(), kspl / 1e6,
-                    ref / 1e6, bulk / 1e6, ref > 0 ? kspl / ref : 0.0, bulk > 0 ? kspl / bulk : 0.0);
+        std::printf("%-40s %10.2f %10.2f %10.2f %8.0fx %8.2fx %9.2f\n", name.c_str(), kspl / 1e6,
+                    ref / 1e6, bulk / 1e6, ref > 0 ? kspl / ref : 0.0, bulk > 0 ? kspl / bulk : 0.0,
+                    r.gbps);
     }
 }
 
@@ -168,7 +204,7 @@ void RunBulk(benchmark::State& state, const Case& c, const char* to, const char*
         benchmark::DoNotOptimize(iconv(cd, &inPtr, &inLeft, &outPtr, &outLeft));
         benchmark::DoNotOptimize(out.data());
     }
-    Finish(state, c, chars, cpuStart);
+    Finish(state, c, chars, inBytes, cpuStart);
     iconv_close(cd);
 }
 
@@ -184,6 +220,11 @@ void BM_ToNarrow(benchmark::State& state, Case c) {
     }
     auto* service = c.impl == Impl::Kspl ? KsoWideCharToMultiByte : KsplRefWideCharToMultiByte;
     IKspl* k = Instance();
+    VariantScope variant(c);
+    if (!variant.ok()) {
+        state.SkipWithError("CPU without this variant");
+        return;
+    }
     std::vector<char> out(12 * chars + 1);
     const double cpuStart = CpuSeconds();
     for (auto _ : state) {
@@ -193,7 +234,7 @@ void BM_ToNarrow(benchmark::State& state, Case c) {
         if (st != 0) state.SkipWithError("conversion failed");
         benchmark::DoNotOptimize(out.data());
     }
-    Finish(state, c, chars, cpuStart);
+    Finish(state, c, chars, 2 * chars, cpuStart);
 }
 
 void BM_ToWide(benchmark::State& state, Case c) {
@@ -207,6 +248,11 @@ void BM_ToWide(benchmark::State& state, Case c) {
     }
     auto* service = c.impl == Impl::Kspl ? KsoMultiByteToWideChar : KsplRefMultiByteToWideChar;
     IKspl* k = Instance();
+    VariantScope variant(c);
+    if (!variant.ok()) {
+        state.SkipWithError("CPU without this variant");
+        return;
+    }
     std::vector<WCHAR> out(narrow.size() + 1);
     const double cpuStart = CpuSeconds();
     for (auto _ : state) {
@@ -216,7 +262,7 @@ void BM_ToWide(benchmark::State& state, Case c) {
         if (st != 0) state.SkipWithError("conversion failed");
         benchmark::DoNotOptimize(out.data());
     }
-    Finish(state, c, chars, cpuStart);
+    Finish(state, c, chars, narrow.size(), cpuStart);
 }
 
 void Register() {
@@ -232,6 +278,23 @@ void Register() {
                     auto* b = benchmark::RegisterBenchmark(name.c_str(), fn,
                                                            Case{direction, impl, kind, &page});
                     b->Arg(16)->Arg(1024)->Arg(65536);
+                }
+            }
+        }
+    }
+    // The services per variant, on 64 Ki characters of the texts that the
+    // kernels take in runs or blocks.
+    for (int isa = 0; isa <= static_cast<int>(KsplConvIsa::kAvx2); ++isa) {
+        const auto variant = static_cast<KsplConvIsa>(isa);
+        for (const Page* page : {&kPages[2], &kPages[1]}) {
+            for (Kind kind : {Kind::Ascii, Kind::Latin1, Kind::Foreign10}) {
+                for (const char* direction : {"to_narrow", "to_wide"}) {
+                    const std::string name = std::string("variant/") + KsplConvIsaName(variant) + "/" +
+                                             direction + "/" + page->name + "/" + KindName(kind);
+                    auto* fn = direction[3] == 'n' ? BM_ToNarrow : BM_ToWide;
+                    benchmark::RegisterBenchmark(name.c_str(), fn,
+                                                 Case{direction, Impl::Kspl, kind, page, true, variant})
+                        ->Arg(65536);
                 }
             }
         }

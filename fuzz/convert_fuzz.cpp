@@ -1,7 +1,8 @@
 // convert_fuzz.cpp - both conversion services and the exported character
 // routines against the per-character reference routines: the same status,
 // count and output area byte for byte, for every code-page selector, OEM
-// and ANSI code pages, lengths and capacities chosen by the input.
+// and ANSI code pages, lengths and capacities chosen by the input, and every
+// variant of the vector kernels the CPU has (one it lacks: the widest).
 #include "fuzz_support.h"
 
 const char* const kPages[] = {"437",   "850",  "866", "WINDOWS-1252", "WINDOWS-1251",
@@ -15,6 +16,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     char* ansi = const_cast<char*>(kPages[in.Pick(8)]);
     CodePageScope scope(oem, CheckCodePageEuroSupport(oem), ansi, CheckCodePageEuroSupport(ansi));
     const UINT32 sel = kSelectors[in.Pick(8)];
+    struct Variant {
+        explicit Variant(KsplConvIsa isa) {
+            if (!KsplConvUseIsa(isa)) KsplConvUseIsa(KsplConvIsaBest());
+        }
+        ~Variant() { KsplConvUseIsa(KsplConvIsaBest()); }
+    } variant(static_cast<KsplConvIsa>(in.Pick(4)));
     const uint8_t mode = in.U8();
     const long long cap = (mode & 0x80) != 0 ? in.U16() : in.U8() % 64;
     const std::string text = in.Take(size);

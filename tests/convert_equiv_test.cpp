@@ -3,12 +3,16 @@
 // descriptor per call and convert one character per iconv call: the same
 // result, count and output area byte for byte, including what a failed
 // conversion leaves behind. Every unit and every byte, then random strings
-// from fixed seeds.
+// from fixed seeds; the texts long enough for the vector kernels once per
+// variant the CPU (or the emulator) has, the others skipped.
 #include <random>
 #include <thread>
 
 #include "conv_test_util.h"
 #include "kspl_test.h"
+
+// Failure messages name the variant.
+inline void PrintTo(KsplConvIsa isa, std::ostream* os) { *os << KsplConvIsaName(isa); }
 
 namespace {
 
@@ -91,6 +95,25 @@ void RandomStrings(Checker& c, char* page, BOOLEAN euro, uint32_t seed) {
 
 class ConvertEquivTest : public KsplTest, public ::testing::WithParamInterface<const char*> {};
 
+// Runs its test with the conversions forced to one variant of the vector
+// kernels, and puts the widest back afterwards.
+class ConvertVariantTest : public KsplTest, public ::testing::WithParamInterface<KsplConvIsa> {
+protected:
+    void SetUp() override {
+        KsplTest::SetUp();
+        if (!KsplConvUseIsa(GetParam())) GTEST_SKIP() << "CPU without " << KsplConvIsaName(GetParam());
+        ASSERT_EQ(KsplConvIsaInUse(), GetParam());
+    }
+    void TearDown() override {
+        KsplConvUseIsa(KsplConvIsaBest());
+        KsplTest::TearDown();
+    }
+};
+
+std::string VariantName(const ::testing::TestParamInfo<KsplConvIsa>& info) {
+    return KsplConvIsaName(info.param);
+}
+
 // The OEM and ANSI code pages of each setup (437, 850 and 866 imply another
 // ANSI code page): every unit alone and between others (a descriptor treats
 // its first conversion differently), every byte likewise with both euro
@@ -159,7 +182,7 @@ struct LongTexts {
     }
 };
 
-TEST_F(ConvertEquivTest, LongUtf8TextsWithAFaultAnywhere) {
+TEST_P(ConvertVariantTest, LongUtf8TextsWithAFaultAnywhere) {
     static const char* const kFaults[] = {"\x80", "\xBF", "\xC0\x80", "\xC1\xBF", "\xC3",
                                           "\xE4\xB8", "\xE0\x80\x80", "\xE0\x9F\xBF",
                                           "\xED\xA0\x80", "\xED\xBF\xBF", "\xF0\x90\x80\x80",
@@ -194,7 +217,7 @@ TEST_F(ConvertEquivTest, LongUtf8TextsWithAFaultAnywhere) {
 // The single-byte code pages of the setup 437 (CP437, WINDOWS-1252): runs
 // of ASCII of every length between single other characters (Latin-1,
 // escaped, brackets, separators, the euro sign).
-TEST_F(ConvertEquivTest, LongSingleByteTextsWithAFaultAnywhere) {
+TEST_P(ConvertVariantTest, LongSingleByteTextsWithAFaultAnywhere) {
     ASSERT_TRUE(SetUpCodePages("437"));
     static const char* const kFaults[] = {"[", "]", "[12", "[4E2D]", "[zz12]", "\x81", "\xCC", "\x80"};
     static constexpr WCHAR kOthers[] = {'[', ']', ':', '\\', 0x20AC, 0xCC, 0xFEFF, 0x4E2D, 0x0416};
@@ -216,6 +239,63 @@ TEST_F(ConvertEquivTest, LongSingleByteTextsWithAFaultAnywhere) {
         }
     }
 }
+
+// One piece at every position of a long ASCII text, so that it falls at
+// each offset of a block and at each end of a run the kernels copy (16 and
+// 32 bytes, 8 and 16 units): valid and broken sequences, escapes, brackets,
+// characters the code page lacks. Capacities: the services' room, and
+// exactly the reference's result (the guard after it must stay untouched).
+TEST_P(ConvertVariantTest, APieceAtEveryOffsetOfABlock) {
+    ASSERT_TRUE(SetUpCodePages("437"));
+    static const char* const kUtf8Pieces[] = {"\xC3\xA9", "\xE4\xB8\xAD", "\xEF\xBB\xBF", "\xC3",
+                                              "\xE4\xB8", "\x80", "\xC1\xBF", "\xE0\x9F\xBF",
+                                              "\xED\xA0\x80", "\xF0\x90\x80\x80"};
+    static const char* const kPagePieces[] = {"\xE9", "[4E2D]", "[", "[12", "\xCC", "\x81", "/"};
+    static constexpr WCHAR kUnits[] = {0xE9, 0x7F, 0x80, 0x7FF, 0x800, 0x4E2D, 0xD800, 0xDFFF,
+                                       0xFEFF, 0xFFFE, 0x20AC, '[', ':'};
+    Checker c;
+    std::string ascii;
+    for (int i = 0; i < 96; ++i) ascii += static_cast<char>('a' + i % 26);
+    for (int at = 0; at < 72 && !c.TooMany(); ++at) {
+        for (const char* piece : kUtf8Pieces) {
+            std::string text = ascii;
+            text.insert(static_cast<size_t>(at), piece);
+            const int room = static_cast<int>(text.size()) + 1;
+            c.ToWide(nullptr, FALSE, text, room);
+            c.ToWide(nullptr, FALSE, text.substr(0, static_cast<size_t>(at) + 20), room);
+        }
+        for (const char* piece : kPagePieces) {
+            std::string text = ascii;
+            text.insert(static_cast<size_t>(at), piece);
+            c.ToWide(g_pAnsiCodePage, FALSE, text, static_cast<int>(text.size()) + 1);
+        }
+        for (WCHAR unit : kUnits) {
+            std::vector<WCHAR> wide(ascii.begin(), ascii.begin() + 64);
+            wide[static_cast<size_t>(at) % 64] = unit;
+            for (char* page : {static_cast<char*>(nullptr), g_pAnsiCodePage}) {
+                const int worst = 12 * static_cast<int>(wide.size());
+                c.ToNarrow(page, wide, worst);
+                c.ToNarrow(page, wide, static_cast<int>(RoutineToNarrow(false, page, wide, worst).count) + 1);
+            }
+        }
+    }
+}
+
+// The hook narrows the variant only to what the CPU has (a kernel it lacks
+// would fault), and every variant up to the widest is there.
+TEST_F(ConvertEquivTest, TheHookOffersExactlyTheVariantsUpToTheWidest) {
+    for (int i = 0; i <= static_cast<int>(KsplConvIsa::kAvx2); ++i) {
+        const auto isa = static_cast<KsplConvIsa>(i);
+        EXPECT_EQ(KsplConvUseIsa(isa), isa <= KsplConvIsaBest()) << KsplConvIsaName(isa);
+        EXPECT_EQ(KsplConvIsaInUse(), std::min(isa, KsplConvIsaBest())) << KsplConvIsaName(isa);
+    }
+    KsplConvUseIsa(KsplConvIsaBest());
+}
+
+INSTANTIATE_TEST_SUITE_P(Variants, ConvertVariantTest,
+                         ::testing::Values(KsplConvIsa::kScalar, KsplConvIsa::kSse2,
+                                           KsplConvIsa::kSsse3, KsplConvIsa::kAvx2),
+                         VariantName);
 
 INSTANTIATE_TEST_SUITE_P(CodePages, ConvertEquivTest,
                          ::testing::Values("ANSI_X3.4-1968", "ISO-8859-1", "437", "850", "866",
