@@ -57,26 +57,37 @@ const std::string kInvalidPointer = "KSPL -KsoFreeMemory- Called with invalid me
 // front of them is read at an address that is misaligned or not part of a
 // live allocation (under the sanitizers such a read stops the process):
 // the inside of a live block at every offset up to its size, a stack
-// variable, a plain malloc block, freed memory and the first page.
+// variable, a plain malloc block, the first page, and under
+// AddressSanitizer freed memory.
 TEST_F(TrackedMemory, ForeignPointersAreRefusedWithoutStrayReads) {
     LogCapture log;
     auto* p = static_cast<unsigned char*>(v->KsoAllocNonPagedMemory(k, 64));
     ASSERT_NE(p, nullptr);
+    std::memset(p, 0, 64);
     alignas(16) int onStack = 0;
     auto* fromMalloc = static_cast<unsigned char*>(std::malloc(48));
     ASSERT_NE(fromMalloc, nullptr);
+    std::vector<void*> foreign;
+    for (size_t offset = 1; offset < 64; ++offset) foreign.push_back(p + offset);
+#if !defined(__SANITIZE_THREAD__)
+    // In front of a plain malloc block lie the allocator's own bytes or a
+    // neighbour's; ThreadSanitizer reports any read there of memory freed
+    // earlier, so this part is left to the other builds.
+    for (size_t offset : {size_t{0}, size_t{4}, size_t{8}, size_t{16}}) {
+        foreign.push_back(fromMalloc + offset);
+    }
+#endif
+    foreign.push_back(&onStack);
+#if defined(__SANITIZE_ADDRESS__)
+    // Memory already given back: only AddressSanitizer can tell it from a
+    // live block without the read itself being the fault it reports.
     void* released = std::malloc(48);
     ASSERT_NE(released, nullptr);
     const auto freed = reinterpret_cast<uintptr_t>(released);
     void (*volatile giveBack)(void*) = std::free;  // no use-after-free warning on the address
     giveBack(released);
-    std::vector<void*> foreign;
-    for (size_t offset = 1; offset < 64; ++offset) foreign.push_back(p + offset);
-    for (size_t offset : {size_t{0}, size_t{4}, size_t{8}, size_t{16}}) {
-        foreign.push_back(fromMalloc + offset);
-    }
-    foreign.push_back(&onStack);
     foreign.push_back(reinterpret_cast<void*>(freed));
+#endif
     foreign.push_back(reinterpret_cast<void*>(uintptr_t{8}));
     for (void* pointer : foreign) {
         EXPECT_EQ(v->KsoFreeMemory(k, pointer), KsplErr(KSPL_CODE_BAD_BLOCK)) << pointer;
