@@ -514,13 +514,14 @@ EnumCursor& CursorFor(EnumCursor* cursors, int64_t key, bool* found) {
 }
 
 // Binds the sort key kept in `cursor` with the type it was read with, so
-// that it compares as the column's values do.
+// that it compares as the column's values do. A copy: the cursor takes the
+// next sort key while the statement is still bound.
 void BindFolded(sqlite3_stmt* s, int param, const EnumCursor& cursor) {
     const auto size = static_cast<int>(cursor.folded.size());
     if (cursor.foldedType == SQLITE_TEXT)
-        sqlite3_bind_text(s, param, cursor.folded.data(), size, SQLITE_STATIC);
+        sqlite3_bind_text(s, param, cursor.folded.data(), size, SQLITE_TRANSIENT);
     else
-        sqlite3_bind_blob(s, param, cursor.folded.data(), size, SQLITE_STATIC);
+        sqlite3_bind_blob(s, param, cursor.folded.data(), size, SQLITE_TRANSIENT);
 }
 
 }  // namespace
