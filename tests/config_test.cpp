@@ -4,7 +4,12 @@
 // each status comes from.
 #include <stdlib.h>
 
+#include <algorithm>
+#include <cctype>
+#include <string>
+#include <thread>
 #include <tuple>
+#include <vector>
 
 #include "config_record.h"
 #include "conv_test_util.h"
@@ -220,6 +225,126 @@ TEST_F(ConfigTest, ValueRecords) {
     }
     EXPECT_EQ(rec, std::vector<UINT8>(64, kFill));
     EXPECT_EQ(v->KsoQueryValueKey(k, h, nullptr, rec.data(), 64, nullptr), KsplErr(4));
+    Close(h);
+}
+
+// Enumeration steps through the store library: a walk by increasing index
+// continues where the last step stopped, but every index still means a
+// position in the store's present order, whoever changed the key since:
+// this thread, another thread (another connection), or this thread inside
+// a write transaction that has not committed. Names differ in case, so the
+// walk follows the folded order; two keys walked in turn keep their own
+// places.
+class StoreEnumeration : public ConfigTest {
+protected:
+    const std::string kEnd = "<" + std::to_string(KS_STATUS_CODE(ZLREG_STATUS_NO_MORE_ITEMS)) + ">";
+    static HANDLE Key(const std::string& path) {
+        HANDLE h = nullptr;
+        UINT32 disposition = 0;
+        EXPECT_EQ(ZLRegCreateKeyExA(kMachine, ("Software\\Zorvik\\" + path).c_str(), 0, nullptr,
+                                    0, 0, nullptr, &h, &disposition),
+                  0u);
+        return h;
+    }
+    static void AddKey(const std::string& path) { EXPECT_EQ(ZLRegCloseKey(Key(path)), 0u); }
+    static void RemoveKey(const std::string& path) {
+        EXPECT_EQ(ZLRegDeleteKeyA(kMachine, ("Software\\Zorvik\\" + path).c_str()), 0u);
+    }
+    static std::string SubKey(HANDLE h, UINT32 index) {
+        char name[64];
+        INT32 length = sizeof name;
+        KSSTATUS st = ZLRegEnumKeyExA(h, index, name, &length, nullptr, nullptr, nullptr, nullptr);
+        return st != 0 ? "<" + std::to_string(KS_STATUS_CODE(st)) + ">" : std::string(name, length);
+    }
+    static std::string Value(HANDLE h, UINT32 index) {
+        char name[64];
+        INT32 length = sizeof name;
+        KSSTATUS st = ZLRegEnumValueA(h, index, name, &length, nullptr, nullptr, nullptr, nullptr);
+        return st != 0 ? "<" + std::to_string(KS_STATUS_CODE(st)) + ">" : std::string(name, length);
+    }
+};
+
+TEST_F(StoreEnumeration, StepsFollowThePresentOrder) {
+    HANDLE w = Key("W");
+    for (const char* name : {"k1", "K2", "k3", "K4", "k5", "K6", "k7", "K8", "k9"})
+        AddKey(std::string("W\\") + name);
+    EXPECT_EQ(SubKey(w, 0), "k1");
+    EXPECT_EQ(SubKey(w, 1), "K2");
+    EXPECT_EQ(SubKey(w, 2), "k3");
+    AddKey("W\\K0");  // this thread, before the last place
+    EXPECT_EQ(SubKey(w, 3), "k3");
+    EXPECT_EQ(SubKey(w, 4), "K4");
+    std::thread([] { RemoveKey("W\\k1"); }).join();  // another connection
+    EXPECT_EQ(SubKey(w, 5), "K6");
+    ASSERT_EQ(ZLRegBeginTransaction(TRUE), 0u);
+    EXPECT_EQ(SubKey(w, 6), "k7");
+    AddKey("W\\k00");  // uncommitted
+    EXPECT_EQ(SubKey(w, 7), "k7");
+    EXPECT_EQ(ZLRegRollbackTransaction(), 0u);
+    EXPECT_EQ(SubKey(w, 8), "k9");
+    EXPECT_EQ(SubKey(w, 8), "k9");
+    EXPECT_EQ(SubKey(w, 9), kEnd);
+    EXPECT_EQ(SubKey(w, 1), "K2");
+
+    // Values, and two keys walked in turn on one thread.
+    HANDLE other = Key("W\\K6");
+    const UINT32 one = 1;
+    for (const char* name : {"b", "D", "f"}) {
+        EXPECT_EQ(ZLRegSetValueExA(w, name, 0, KSO_REG_UINT32, &one, 4), 0u);
+        EXPECT_EQ(ZLRegSetValueExA(other, name, 0, KSO_REG_UINT32, &one, 4), 0u);
+    }
+    EXPECT_EQ(Value(w, 0), "b");
+    EXPECT_EQ(Value(other, 0), "b");
+    EXPECT_EQ(Value(w, 1), "D");
+    EXPECT_EQ(ZLRegSetValueExA(w, "A", 0, KSO_REG_UINT32, &one, 4), 0u);
+    EXPECT_EQ(Value(other, 1), "D");
+    EXPECT_EQ(Value(w, 2), "D");
+    EXPECT_EQ(Value(other, 2), "f");
+    EXPECT_EQ(Value(w, 3), "f");
+    EXPECT_EQ(Value(other, 3), kEnd);
+    EXPECT_EQ(ZLRegCloseKey(other), 0u);
+    EXPECT_EQ(ZLRegCloseKey(w), 0u);
+}
+
+// A long walk through IKspl returns every subkey and value once, in the
+// store's case-insensitive order, and ends with the store's end status.
+TEST_F(StoreEnumeration, FullWalksThroughIKspl) {
+    HANDLE w = Key("Long");
+    std::vector<std::string> names;
+    const UINT32 one = 1;
+    for (int i = 0; i < 300; ++i) {
+        std::string name = (i % 3 ? "n" : "N") + std::to_string(i * 7919 % 1000);
+        names.push_back(name);
+        AddKey("Long\\" + name);
+        EXPECT_EQ(ZLRegSetValueExA(w, name.c_str(), 0, KSO_REG_UINT32, &one, 4), 0u);
+    }
+    std::sort(names.begin(), names.end(), [](const std::string& a, const std::string& b) {
+        return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
+            return std::tolower(static_cast<unsigned char>(x)) < std::tolower(static_cast<unsigned char>(y));
+        });
+    });
+    EXPECT_EQ(ZLRegCloseKey(w), 0u);
+    HANDLE h = Create(u"Long");
+    std::vector<std::string> keysSeen, valuesSeen;
+    UINT32 index = 0;
+    KSSTATUS st = 0;
+    for (;; ++index) {
+        rec.assign(64, kFill);
+        st = v->KsoEnumerateKey(k, h, index, rec.data(), 64, &result);
+        if (st != 0) break;
+        std::u16string units = RecordUnits(rec, 16, RecordU32(rec, 12) / 2 - 1);
+        keysSeen.emplace_back(units.begin(), units.end());
+    }
+    EXPECT_EQ(st, ZLREG_STATUS_NO_MORE_ITEMS);
+    for (index = 0;; ++index) {
+        st = EnumValue(h, index, 64);
+        if (st != 0) break;
+        std::u16string units = RecordUnits(rec, kRecordNameAt, RecordU32(rec, 16) / 2 - 1);
+        valuesSeen.emplace_back(units.begin(), units.end());
+    }
+    EXPECT_EQ(st, ZLREG_STATUS_NO_MORE_ITEMS);
+    EXPECT_EQ(keysSeen, names);
+    EXPECT_EQ(valuesSeen, names);
     Close(h);
 }
 

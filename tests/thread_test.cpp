@@ -2,6 +2,7 @@
 // refusals while running, the thread limit, and bad inputs. (An exit waiter
 // cancelled in its wait: with the other waits, in event_test.)
 #include "kspl_test.h"
+#include "memory_int.h"
 #include "sched_test_util.h"
 #include "sync_int.h"
 #include "thread_int.h"
@@ -58,7 +59,7 @@ TEST_F(Threads, EveryEndingReachesTheWaitersAndTheCount) {
             }));
             // The count drops inside the release, under the instance's pool
             // lock: let the thread out of it before teardown.
-            KsMutexGuard passThrough(&KsplInfo(k)->ProtectionMutex);
+            KsMemoryPoolPassThrough(k);
             continue;
         }
         HANDLE t = nullptr, refused = reinterpret_cast<HANDLE>(0x1);

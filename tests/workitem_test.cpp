@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "kspl_test.h"
+#include "memory_int.h"
 #include "sched_test_util.h"
 #include "schedule_int.h"
 
@@ -123,7 +124,7 @@ TEST_F(WorkItems, NoWakeUpIsLostAndARoutineReArmsItsItem) {
     EXPECT_EQ(ctx.runs.load(), 3025);
     // Its record is released under the instance's pool lock: let the routine
     // out of it before teardown.
-    KsMutexGuard passThrough(&KsplInfo(k)->ProtectionMutex);
+    KsMemoryPoolPassThrough(k);
 }
 
 IKspl* g_k = nullptr;

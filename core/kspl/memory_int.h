@@ -18,3 +18,9 @@ static_assert(kMemHeaderSize % 8 == 0, "caller's bytes stay aligned");
 PVOID KsoAllocNonPagedMemory(IKspl* pThis, UINT32 Size);
 PVOID KsoAllocPagedMemory(IKspl* pThis, UINT32 Size);
 KSSTATUS KsoFreeMemory(IKspl* pThis, PVOID pMemory);
+
+// Takes and gives back the pool locks of an instance: once it returns, a
+// release that another thread had under way on that instance (and whose
+// counter change was seen) has left its critical section. For teardown of
+// an instance whose last blocks other threads release.
+void KsMemoryPoolPassThrough(IKspl* pThis);

@@ -53,10 +53,27 @@ enum Stmt : int {
     kSavepoint,
     kRelease,
     kRollbackTo,
+    kEnumKeyAfter,
+    kEnumValueAfter,
     kStmtCount
 };
 
 enum class Txn { kNone, kRead, kWrite };
+
+// Where a thread's last enumeration step below a key stopped: the index it
+// served and that row's sort key. The next index continues from there with
+// a range query instead of counting rows again, as long as the database is
+// unchanged since (its data version, read inside each step's transaction:
+// it moves with every commit, this connection's or another's).
+struct EnumCursor {
+    int64_t key = 0;  // 0: unused
+    UINT32 index = 0;
+    uint32_t dataVersion = 0;
+    int foldedType = 0;  // SQLite type of the folded column (text or blob)
+    std::string folded;
+    uint64_t lastUse = 0;
+};
+constexpr int kEnumCursors = 4;  // per kind: keys being walked at once
 
 // One thread's connection. Reopened when the database path changes or the
 // process forked (a connection is never carried into a child).
@@ -67,6 +84,9 @@ struct Conn {
     std::string path;
     sqlite3_stmt* stmts[kStmtCount] = {};
     Txn userTxn = Txn::kNone;  // a transaction begun by ZLRegBeginTransaction
+    EnumCursor keyCursors[kEnumCursors];    // subkey enumeration
+    EnumCursor valueCursors[kEnumCursors];  // value enumeration
+    uint64_t enumSteps = 0;
 };
 
 // The calling thread's connection, opened (and the schema created) if needed.
