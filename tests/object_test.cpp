@@ -88,30 +88,30 @@ TEST_F(OmTest, RefusedCallsBuildTheirCodeUnderTheirName) {
     for (const auto& s : shapes) {
         refused(t->Initialize(om, s[0], static_cast<UINT16>(s[1]), s[2], s[3], nullptr, nullptr,
                               nullptr, s[4]),
-                s[4] != 0 ? 5 : 4, "InternalInitialize");
+                s[4] != 0 ? KSPL_OM_CODE_NO_MEMORY : KSPL_OM_CODE_INVALID_PARAM, "InternalInitialize");
         refused(t->CreateObject(om, nullptr, nullptr, nullptr, nullptr, 0, 0, 0, &user, nullptr),
-                4, "ObjectCreate");
+                KSPL_OM_CODE_INVALID_PARAM, "ObjectCreate");
     }
     ASSERT_EQ(t->Initialize(om, sizeof(Item), 2, 0, 0, DeleteItem, nullptr, nullptr, 0), 0u);
-    refused(t->Initialize(om, 16, 4, 0, 1, nullptr, nullptr, nullptr, 0), 0x1001,
+    refused(t->Initialize(om, 16, 4, 0, 1, nullptr, nullptr, nullptr, 0), KSPL_OM_CODE_REINITIALIZED,
             "InternalInitialize");
     // hashSize 0 made one chain.
-    refused(t->CreateObject(om, nullptr, nullptr, nullptr, nullptr, 1, 0, 0, &user, nullptr), 4,
+    refused(t->CreateObject(om, nullptr, nullptr, nullptr, nullptr, 1, 0, 0, &user, nullptr), KSPL_OM_CODE_INVALID_PARAM,
             "ObjectCreate");
-    refused(t->FindObject(om, nullptr, nullptr, 1, 0, &user), 4, "ObjectFind");
+    refused(t->FindObject(om, nullptr, nullptr, 1, 0, &user), KSPL_OM_CODE_INVALID_PARAM, "ObjectFind");
     for (UINT32 bad : {0x00000001u, 0x03000001u}) {  // index byte 0, beyond the block
         HANDLE cursor = PtrFromHandle(bad);
-        refused(t->EnumerateObjects(om, &cursor, nullptr, nullptr, 0, &user), 4,
+        refused(t->EnumerateObjects(om, &cursor, nullptr, nullptr, 0, &user), KSPL_OM_CODE_INVALID_PARAM,
                 "ObjectEnumerate");
         EXPECT_EQ(HandleFromPtr(cursor), bad);
         UINT32 mode = 9;
-        refused(t->CreateObjectByHandle(om, cursor, nullptr, nullptr, 0, 0, &user, &mode), 3,
+        refused(t->CreateObjectByHandle(om, cursor, nullptr, nullptr, 0, 0, &user, &mode), KSPL_OM_CODE_INVALID_HANDLE,
                 "ObjectCreateByHandle");
         EXPECT_EQ(mode, 0u);
     }
-    refused(t->ReferenceObjectByHandle(om, PtrFromHandle(0x01010001u), 0, nullptr), 4,
+    refused(t->ReferenceObjectByHandle(om, PtrFromHandle(0x01010001u), 0, nullptr), KSPL_OM_CODE_INVALID_PARAM,
             "ObjectReferenceByHandle");
-    refused(t->DeleteObject(om, nullptr, 0), 4, "ObjectDelete");
+    refused(t->DeleteObject(om, nullptr, 0), KSPL_OM_CODE_INVALID_PARAM, "ObjectDelete");
 
     EXPECT_EQ(t->Release(om), 0u);
 }
@@ -290,19 +290,19 @@ TEST_F(OmTest, WaitersForTheLockSeeTheHoldersDelete) {
         StatusCapture sc;
         std::thread finder([&] {
             PVOID out = nullptr;
-            EXPECT_EQ(t->FindObject(om, KeyArg(1), CompareItem, 0, 1, &out), KsplOmErr(11));
+            EXPECT_EQ(t->FindObject(om, KeyArg(1), CompareItem, 0, 1, &out), KsplOmErr(KSPL_OM_CODE_NOT_FOUND));
         });
         std::thread referrer([&] {
             PVOID out = nullptr;
-            EXPECT_EQ(t->ReferenceObjectByHandle(om, h, 2, &out), KsplOmErr(3));
+            EXPECT_EQ(t->ReferenceObjectByHandle(om, h, 2, &out), KsplOmErr(KSPL_OM_CODE_INVALID_HANDLE));
         });
         // A waiter that got through the holder's lock would not see the delete.
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
         EXPECT_EQ(t->DeleteObject(om, a, 1), 0u);
         finder.join();
         referrer.join();
-        EXPECT_TRUE(sc.WasBuilt(KsplOmErr(11), "ObjectFind"));
-        EXPECT_TRUE(sc.WasBuilt(KsplOmErr(3), "ObjectReferenceByHandle"));
+        EXPECT_TRUE(sc.WasBuilt(KsplOmErr(KSPL_OM_CODE_NOT_FOUND), "ObjectFind"));
+        EXPECT_TRUE(sc.WasBuilt(KsplOmErr(KSPL_OM_CODE_INVALID_HANDLE), "ObjectReferenceByHandle"));
         EXPECT_EQ(t->Release(om), 0u);
     }
 }
