@@ -88,29 +88,31 @@ TEST_F(OmTest, RefusedCallsBuildTheirCodeUnderTheirName) {
     for (const auto& s : shapes) {
         refused(t->Initialize(om, s[0], static_cast<UINT16>(s[1]), s[2], s[3], nullptr, nullptr,
                               nullptr, s[4]),
-                s[4] != 0 ? KSPL_OM_CODE_NO_MEMORY : KSPL_OM_CODE_INVALID_PARAM, "InternalInitialize");
+                s[4] != 0 ? KSPL_OM_CODE_NO_MEMORY : KSPL_OM_CODE_INVALID_PARAM,
+                "InternalInitialize");
         refused(t->CreateObject(om, nullptr, nullptr, nullptr, nullptr, 0, 0, 0, &user, nullptr),
                 KSPL_OM_CODE_INVALID_PARAM, "ObjectCreate");
     }
     ASSERT_EQ(t->Initialize(om, sizeof(Item), 2, 0, 0, DeleteItem, nullptr, nullptr, 0), 0u);
-    refused(t->Initialize(om, 16, 4, 0, 1, nullptr, nullptr, nullptr, 0), KSPL_OM_CODE_REINITIALIZED,
-            "InternalInitialize");
+    refused(t->Initialize(om, 16, 4, 0, 1, nullptr, nullptr, nullptr, 0),
+            KSPL_OM_CODE_REINITIALIZED, "InternalInitialize");
     // hashSize 0 made one chain.
-    refused(t->CreateObject(om, nullptr, nullptr, nullptr, nullptr, 1, 0, 0, &user, nullptr), KSPL_OM_CODE_INVALID_PARAM,
-            "ObjectCreate");
-    refused(t->FindObject(om, nullptr, nullptr, 1, 0, &user), KSPL_OM_CODE_INVALID_PARAM, "ObjectFind");
+    refused(t->CreateObject(om, nullptr, nullptr, nullptr, nullptr, 1, 0, 0, &user, nullptr),
+            KSPL_OM_CODE_INVALID_PARAM, "ObjectCreate");
+    refused(t->FindObject(om, nullptr, nullptr, 1, 0, &user), KSPL_OM_CODE_INVALID_PARAM,
+            "ObjectFind");
     for (UINT32 bad : {0x00000001u, 0x03000001u}) {  // index byte 0, beyond the block
         HANDLE cursor = PtrFromHandle(bad);
-        refused(t->EnumerateObjects(om, &cursor, nullptr, nullptr, 0, &user), KSPL_OM_CODE_INVALID_PARAM,
-                "ObjectEnumerate");
+        refused(t->EnumerateObjects(om, &cursor, nullptr, nullptr, 0, &user),
+                KSPL_OM_CODE_INVALID_PARAM, "ObjectEnumerate");
         EXPECT_EQ(HandleFromPtr(cursor), bad);
         UINT32 mode = 9;
-        refused(t->CreateObjectByHandle(om, cursor, nullptr, nullptr, 0, 0, &user, &mode), KSPL_OM_CODE_INVALID_HANDLE,
-                "ObjectCreateByHandle");
+        refused(t->CreateObjectByHandle(om, cursor, nullptr, nullptr, 0, 0, &user, &mode),
+                KSPL_OM_CODE_INVALID_HANDLE, "ObjectCreateByHandle");
         EXPECT_EQ(mode, 0u);
     }
-    refused(t->ReferenceObjectByHandle(om, PtrFromHandle(0x01010001u), 0, nullptr), KSPL_OM_CODE_INVALID_PARAM,
-            "ObjectReferenceByHandle");
+    refused(t->ReferenceObjectByHandle(om, PtrFromHandle(0x01010001u), 0, nullptr),
+            KSPL_OM_CODE_INVALID_PARAM, "ObjectReferenceByHandle");
     refused(t->DeleteObject(om, nullptr, 0), KSPL_OM_CODE_INVALID_PARAM, "ObjectDelete");
 
     EXPECT_EQ(t->Release(om), 0u);
@@ -241,8 +243,8 @@ TEST_F(OmTest, FreeSlotsAreTakenLowestBlockFirstAcrossGroups) {
         const UINT32 h = ObHandle(ObFromUser(made.back()));
         got.emplace_back(HandleBlockId(h), HandleIndexByte(h));
     }
-    EXPECT_EQ(got, (std::vector<std::pair<UINT32, UINT32>>{
-                       {1, 1}, {600, 1}, {4464, 2}, {2, 1}, {2, 2}}));
+    EXPECT_EQ(
+        got, (std::vector<std::pair<UINT32, UINT32>>{{1, 1}, {600, 1}, {4464, 2}, {2, 1}, {2, 2}}));
     for (PVOID u : made) EXPECT_EQ(om->lpVtbl->DeleteObject(om, u, 0), 0u);
     for (PVOID u : {a, b, c}) EXPECT_EQ(om->lpVtbl->DeleteObject(om, u, 0), 0u);
     EXPECT_EQ(om->lpVtbl->Release(om), 0u);
@@ -290,11 +292,13 @@ TEST_F(OmTest, WaitersForTheLockSeeTheHoldersDelete) {
         StatusCapture sc;
         std::thread finder([&] {
             PVOID out = nullptr;
-            EXPECT_EQ(t->FindObject(om, KeyArg(1), CompareItem, 0, 1, &out), KsplOmErr(KSPL_OM_CODE_NOT_FOUND));
+            EXPECT_EQ(t->FindObject(om, KeyArg(1), CompareItem, 0, 1, &out),
+                      KsplOmErr(KSPL_OM_CODE_NOT_FOUND));
         });
         std::thread referrer([&] {
             PVOID out = nullptr;
-            EXPECT_EQ(t->ReferenceObjectByHandle(om, h, 2, &out), KsplOmErr(KSPL_OM_CODE_INVALID_HANDLE));
+            EXPECT_EQ(t->ReferenceObjectByHandle(om, h, 2, &out),
+                      KsplOmErr(KSPL_OM_CODE_INVALID_HANDLE));
         });
         // A waiter that got through the holder's lock would not see the delete.
         std::this_thread::sleep_for(std::chrono::milliseconds(200));

@@ -38,8 +38,9 @@ void IndexReset(ObjectInfo* oi) {
 BlockIndexLeaf* IndexLeafFor(ObjectInfo* oi, UINT32 blockId) {
     BlockIndexLeaf*& leaf = oi->index.leaf[kGroupOf(blockId)];
     if (leaf == nullptr) {
-        leaf = static_cast<BlockIndexLeaf*>(PoolAlloc(oi, static_cast<UINT32>(sizeof(BlockIndexLeaf))));
-        if (leaf != nullptr) OM_KSO(oi, KsoZeroMemory, leaf, static_cast<UINT32>(sizeof(BlockIndexLeaf)));
+        constexpr UINT32 kSize = static_cast<UINT32>(sizeof(BlockIndexLeaf));
+        leaf = static_cast<BlockIndexLeaf*>(PoolAlloc(oi, kSize));
+        if (leaf != nullptr) OM_KSO(oi, KsoZeroMemory, leaf, kSize);
     }
     return leaf;
 }
@@ -365,8 +366,8 @@ Object* FindFreeSlot(ObjectInfo* oi) {
     // goes in front of the first block with a larger id (at the tail when
     // there is none), which keeps blockList sorted.
     const UINT32 id = SmallestUnusedId(oi);
-    BlockHeader* bh = AllocBlock(oi, static_cast<UINT16>(id), id != 0 ? BlockAtOrAfter(oi, id) : nullptr,
-                                 OBJECT_FREE);
+    BlockHeader* bh = AllocBlock(oi, static_cast<UINT16>(id),
+                                 id != 0 ? BlockAtOrAfter(oi, id) : nullptr, OBJECT_FREE);
     if (bh == nullptr) return nullptr;
     return ObFromLink(bh->freeList.Flink);
 }

@@ -304,8 +304,9 @@ inline BlockHeader* BlockById(const ObjectInfo* oi, UINT32 blockId) {
 BlockHeader* BlockAtOrAfter(const ObjectInfo* oi, UINT32 blockId);
 // The next block on blockList, null after the last.
 inline BlockHeader* NextBlock(const ObjectInfo* oi, BlockHeader* bh) {
-    return bh->blockLink.Flink != &oi->blockList ? reinterpret_cast<BlockHeader*>(bh->blockLink.Flink)
-                                                 : nullptr;
+    return bh->blockLink.Flink != &oi->blockList
+               ? reinterpret_cast<BlockHeader*>(bh->blockLink.Flink)
+               : nullptr;
 }
 // A slot of `bh` was taken off its free list for good (created, opened by
 // handle, preallocated) or came back to it. REQUIRES: exclusive.

@@ -63,8 +63,9 @@ void Publish(ObjectInfo* oi, Object* ob, UINT32 chain) {
     }
     OmListInsertSlot(oi, &oi->pHashListArray[chain], &ob->objectLink);
     ++oi->statsInUse;
-    ObStoreFlags(ob, static_cast<UINT8>((flags & ~(OBJECT_FREE | OBJECT_PREALLOCATED | OBJECT_READY)) |
-                                        OBJECT_IN_USE));
+    ObStoreFlags(ob,
+                 static_cast<UINT8>((flags & ~(OBJECT_FREE | OBJECT_PREALLOCATED | OBJECT_READY)) |
+                                    OBJECT_IN_USE));
     OM_KSO(oi, KsoInterlockedExchange, &ob->instanceCount, 1u);
 }
 
@@ -352,8 +353,8 @@ KSSTATUS ObjectOpen(void* pThis, PVOID pInitData, PKSO_OBJECT_INIT_ROUTINE pInit
         *made = ob;
         return 0;
     };
-    return CreateOrOpen(oi, instance, found, make, allocAccess, openAccess, ppUserData,
-                        pOpenedMode, kFn);
+    return CreateOrOpen(oi, instance, found, make, allocAccess, openAccess, ppUserData, pOpenedMode,
+                        kFn);
 }
 
 KSSTATUS ObjectGetStats(void* pThis, PUINT32 pObjectsAllocated, PUINT32 pObjectsInUse,
