@@ -3,8 +3,11 @@
 //
 // Blocks are kept on blockList in ascending id order; a new block takes the
 // smallest id not in use and is linked in front of the first block whose id
-// breaks the dense sequence. All bookkeeping below runs with the instance
-// lock held exclusively (see object_int.h for the lock order).
+// breaks the dense sequence. The block index (object_int.h) mirrors the list
+// so that none of this walks it: AllocBlock and FreeBlock keep both, and
+// every change of a block's free count goes through BlockSlotTaken or
+// BlockSlotReturned. All bookkeeping below runs with the instance lock held
+// exclusively (see object_int.h for the lock order).
 #include "object_int.h"
 
 KSPL_SOURCE_UNIT("object");

@@ -11,10 +11,13 @@
 // object lock; callers that may hold one (delete, deallocate, dereference
 // with an access type) release it first.
 //
-// The instance lock guards blockList, every free list, the lookup chains,
-// allocatedList, objDeleteList, objDeleteActive and the statistics. Changes
-// take it exclusively; lookups (by key, by handle, enumeration) and reads
-// of the statistics take it shared.
+// The instance lock guards blockList and the block index, every free list,
+// the lookup chains, allocatedList, objDeleteList, objDeleteActive and the
+// statistics. Changes take it exclusively; lookups (by key, by handle,
+// enumeration) and reads of the statistics take it shared. Routines take
+// it, and object locks, through InstanceGuard and ObjectGuard; the few
+// manual pairs left are FreeObject's (it lets go around the caller's
+// routine) and InstanceDeallocate's (the lock dies with the record).
 // instanceCount changes only atomically. A decrement that could be the
 // decision to free (the last reference of a marked object) only ever
 // happens under the instance lock held exclusively, so no holder of the
