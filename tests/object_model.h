@@ -39,9 +39,9 @@ inline RoutineCounters g_routines;
 
 constexpr UINT32 kFailingKey = 0xFFFFFFFFu;
 constexpr KSSTATUS kInitFailure = 0xC0DE0042u;  // severity 3, foreign facility
-constexpr KSSTATUS kBadHandle = 0xC7FA0003u;
-constexpr KSSTATUS kNoMore = 0xC7FA0009u;
-constexpr KSSTATUS kNotFound = 0xC7FA000Bu;
+constexpr KSSTATUS kBadHandle = KSPL_OM_STATUS_INVALID_HANDLE;
+constexpr KSSTATUS kNoMore = KSPL_OM_STATUS_NO_MORE_OBJECTS;
+constexpr KSSTATUS kNotFound = KSPL_OM_STATUS_NOT_FOUND;
 
 inline PVOID KeyArg(UINT32 key) { return reinterpret_cast<PVOID>(static_cast<uintptr_t>(key)); }
 inline UINT32 KeyOf(PVOID arg) { return static_cast<UINT32>(reinterpret_cast<uintptr_t>(arg)); }

@@ -5,12 +5,14 @@
 // instance lock racing deletion and dereference, then the store's release
 // while objects are held), meaningful under ThreadSanitizer.
 #include <latch>
+#include <map>
 #include <mutex>
 #include <random>
 #include <set>
 #include <stdexcept>
 
 #include "om_fixture.h"
+#include "sysalloc_int.h"
 
 namespace {
 
@@ -86,32 +88,195 @@ TEST_F(OmTest, RefusedCallsBuildTheirCodeUnderTheirName) {
     for (const auto& s : shapes) {
         refused(t->Initialize(om, s[0], static_cast<UINT16>(s[1]), s[2], s[3], nullptr, nullptr,
                               nullptr, s[4]),
-                s[4] != 0 ? 5 : 4, "InternalInitialize");
+                s[4] != 0 ? KSPL_OM_CODE_NO_MEMORY : KSPL_OM_CODE_INVALID_PARAM,
+                "InternalInitialize");
         refused(t->CreateObject(om, nullptr, nullptr, nullptr, nullptr, 0, 0, 0, &user, nullptr),
-                4, "ObjectCreate");
+                KSPL_OM_CODE_INVALID_PARAM, "ObjectCreate");
     }
     ASSERT_EQ(t->Initialize(om, sizeof(Item), 2, 0, 0, DeleteItem, nullptr, nullptr, 0), 0u);
-    refused(t->Initialize(om, 16, 4, 0, 1, nullptr, nullptr, nullptr, 0), 0x1001,
-            "InternalInitialize");
+    refused(t->Initialize(om, 16, 4, 0, 1, nullptr, nullptr, nullptr, 0),
+            KSPL_OM_CODE_REINITIALIZED, "InternalInitialize");
     // hashSize 0 made one chain.
-    refused(t->CreateObject(om, nullptr, nullptr, nullptr, nullptr, 1, 0, 0, &user, nullptr), 4,
-            "ObjectCreate");
-    refused(t->FindObject(om, nullptr, nullptr, 1, 0, &user), 4, "ObjectFind");
+    refused(t->CreateObject(om, nullptr, nullptr, nullptr, nullptr, 1, 0, 0, &user, nullptr),
+            KSPL_OM_CODE_INVALID_PARAM, "ObjectCreate");
+    refused(t->FindObject(om, nullptr, nullptr, 1, 0, &user), KSPL_OM_CODE_INVALID_PARAM,
+            "ObjectFind");
     for (UINT32 bad : {0x00000001u, 0x03000001u}) {  // index byte 0, beyond the block
         HANDLE cursor = PtrFromHandle(bad);
-        refused(t->EnumerateObjects(om, &cursor, nullptr, nullptr, 0, &user), 4,
-                "ObjectEnumerate");
+        refused(t->EnumerateObjects(om, &cursor, nullptr, nullptr, 0, &user),
+                KSPL_OM_CODE_INVALID_PARAM, "ObjectEnumerate");
         EXPECT_EQ(HandleFromPtr(cursor), bad);
         UINT32 mode = 9;
-        refused(t->CreateObjectByHandle(om, cursor, nullptr, nullptr, 0, 0, &user, &mode), 3,
-                "ObjectCreateByHandle");
+        refused(t->CreateObjectByHandle(om, cursor, nullptr, nullptr, 0, 0, &user, &mode),
+                KSPL_OM_CODE_INVALID_HANDLE, "ObjectCreateByHandle");
         EXPECT_EQ(mode, 0u);
     }
-    refused(t->ReferenceObjectByHandle(om, PtrFromHandle(0x01010001u), 0, nullptr), 4,
-            "ObjectReferenceByHandle");
-    refused(t->DeleteObject(om, nullptr, 0), 4, "ObjectDelete");
+    refused(t->ReferenceObjectByHandle(om, PtrFromHandle(0x01010001u), 0, nullptr),
+            KSPL_OM_CODE_INVALID_PARAM, "ObjectReferenceByHandle");
+    refused(t->DeleteObject(om, nullptr, 0), KSPL_OM_CODE_INVALID_PARAM, "ObjectDelete");
 
     EXPECT_EQ(t->Release(om), 0u);
+}
+
+// --- the block index: stores of more than one group of 256 block ids ----------
+
+std::vector<UINT32> BlockIds(IOM* om) {
+    auto* oi = reinterpret_cast<ObjectInfo*>(om);
+    std::vector<UINT32> ids;
+    LockInstance(oi, kOmAccessExclusive);
+    for (PLIST_ENTRY l = oi->blockList.Flink; l != &oi->blockList; l = l->Flink) {
+        ids.push_back(BlockFromLink(l)->blockId);
+    }
+    UnlockInstance(oi);
+    return ids;
+}
+
+PVOID CreateAt(IOM* om, UINT32 blockId, UINT32 index = 1) {
+    PVOID user = nullptr;
+    UINT32 mode = 0;
+    EXPECT_EQ(om->lpVtbl->CreateObjectByHandle(om, PtrFromHandle(MakeHandle(blockId, 1, index)),
+                                               KeyArg(blockId), InitItem, 0, 0, &user, &mode),
+              0u);
+    EXPECT_EQ(mode, static_cast<UINT32>(OM_OPENED_CREATED));
+    return user;
+}
+
+UINT32 BlockOf(PVOID user) { return HandleBlockId(ObHandle(ObFromUser(user))); }
+
+// Blocks scattered over several groups: the list stays sorted, new blocks
+// take the smallest unused id wherever the gaps are, lookups by handle and
+// the enumeration cursor find blocks in any group (and the next one when
+// the cursor's block is gone), and emptied groups give their memory back.
+TEST_F(OmTest, BlocksInManyGroupsKeepTheirOrderAndIds) {
+    IOM* om = MakeStore(1, 0, 1);
+    ASSERT_NE(om, nullptr);
+    const IOMVtbl* t = om->lpVtbl;
+    std::map<UINT32, PVOID> objects;
+    for (UINT32 id : {300u, 256u, 255u, 65535u, 512u, 1u}) objects[id] = CreateAt(om, id);
+    EXPECT_EQ(BlockIds(om), (std::vector<UINT32>{1, 255, 256, 300, 512, 65535}));
+
+    // Ids 2..254, then 257 (255 and 256 are taken), then 258.
+    for (UINT32 expected = 2; expected <= 258; ++expected) {
+        if (expected == 255 || expected == 256) continue;
+        PVOID user = Create(om, expected);
+        ASSERT_EQ(BlockOf(user), expected);
+        objects[expected] = user;
+    }
+    UINT32 allocated = 0;
+    ASSERT_EQ(t->GetObjectStats(om, &allocated, nullptr, nullptr), 0u);
+    EXPECT_EQ(allocated, objects.size());
+
+    for (const auto& [id, user] : objects) {
+        PVOID found = nullptr;
+        HANDLE h = nullptr;
+        ASSERT_EQ(t->GetObjectHandle(om, user, &h), 0u);
+        ASSERT_EQ(t->ReferenceObjectByHandle(om, h, 0, &found), 0u) << id;
+        EXPECT_EQ(found, user);
+        EXPECT_EQ(t->DereferenceObject(om, found, 0), 0u);
+    }
+    PVOID none = nullptr;
+    for (UINT32 id : {259u, 299u, 301u, 511u, 700u, 65534u}) {
+        EXPECT_EQ(t->ReferenceObjectByHandle(om, PtrFromHandle(MakeHandle(id, 1, 1)), 0, &none),
+                  KSPL_OM_STATUS_INVALID_HANDLE)
+            << id;
+    }
+
+    // A whole walk returns every object in block order.
+    std::vector<UINT32> walked;
+    HANDLE cursor = nullptr;
+    PVOID user = nullptr;
+    while (t->EnumerateObjects(om, &cursor, nullptr, nullptr, 0, &user) == 0) {
+        walked.push_back(BlockOf(user));
+        EXPECT_EQ(t->DereferenceObject(om, user, 0), 0u);
+    }
+    std::vector<UINT32> ids;
+    for (const auto& entry : objects) ids.push_back(entry.first);
+    EXPECT_EQ(walked, ids);
+
+    // The cursor's block (300) goes: the scan goes on with block 512, and
+    // past the last block (65535) it ends instead of starting again.
+    EXPECT_EQ(t->DeleteObject(om, objects[300], 0), 0u);
+    objects.erase(300);
+    cursor = PtrFromHandle(MakeHandle(300, 0, 1));
+    ASSERT_EQ(t->EnumerateObjects(om, &cursor, nullptr, nullptr, 0, &user), 0u);
+    EXPECT_EQ(BlockOf(user), 512u);
+    EXPECT_EQ(HandleFromPtr(cursor), MakeHandle(65535, 0, 1));
+    EXPECT_EQ(t->DereferenceObject(om, user, 0), 0u);
+    ASSERT_EQ(t->EnumerateObjects(om, &cursor, nullptr, nullptr, 0, &user), 0u);
+    EXPECT_EQ(BlockOf(user), 65535u);
+    EXPECT_EQ(t->DereferenceObject(om, user, 0), 0u);
+    EXPECT_EQ(t->EnumerateObjects(om, &cursor, nullptr, nullptr, 0, &user),
+              KSPL_OM_STATUS_NO_MORE_OBJECTS);
+
+    // Emptying group 1 (ids 256..511) frees its part of the index; the next
+    // blocks take 256 and then 259 again, in order.
+    for (UINT32 id : {256u, 257u, 258u}) {
+        EXPECT_EQ(t->DeleteObject(om, objects[id], 0), 0u);
+        objects.erase(id);
+    }
+    EXPECT_EQ(Info(om)->index.leaf[1], nullptr);
+    objects[256] = Create(om, 1000);
+    EXPECT_EQ(BlockOf(objects[256]), 256u);
+    objects[257] = Create(om, 1001);
+    EXPECT_EQ(BlockOf(objects[257]), 257u);
+    std::vector<UINT32> now;
+    for (const auto& entry : objects) now.push_back(BlockOf(entry.second));
+    EXPECT_EQ(BlockIds(om), now);
+
+    for (const auto& entry : objects) EXPECT_EQ(t->DeleteObject(om, entry.second, 0), 0u);
+    EXPECT_TRUE(BlockIds(om).empty());
+    EXPECT_EQ(t->Release(om), 0u);
+}
+
+// A free slot is taken from the lowest block that has one, whatever group
+// it is in, before a new block is made.
+TEST_F(OmTest, FreeSlotsAreTakenLowestBlockFirstAcrossGroups) {
+    IOM* om = MakeStore(2, 3, 1);
+    ASSERT_NE(om, nullptr);
+    PVOID a = CreateAt(om, 600, 2);
+    PVOID b = CreateAt(om, 1, 2);
+    PVOID c = CreateAt(om, 70000 & 0xFFFF, 1);  // id 4464, group 17
+    std::vector<std::pair<UINT32, UINT32>> got;
+    std::vector<PVOID> made;
+    for (int i = 0; i < 5; ++i) {
+        made.push_back(Create(om, 50 + i));
+        const UINT32 h = ObHandle(ObFromUser(made.back()));
+        got.emplace_back(HandleBlockId(h), HandleIndexByte(h));
+    }
+    EXPECT_EQ(
+        got, (std::vector<std::pair<UINT32, UINT32>>{{1, 1}, {600, 1}, {4464, 2}, {2, 1}, {2, 2}}));
+    for (PVOID u : made) EXPECT_EQ(om->lpVtbl->DeleteObject(om, u, 0), 0u);
+    for (PVOID u : {a, b, c}) EXPECT_EQ(om->lpVtbl->DeleteObject(om, u, 0), 0u);
+    EXPECT_EQ(om->lpVtbl->Release(om), 0u);
+}
+
+// A block in a new group needs the group's index first: when either
+// allocation fails the call reports no memory and leaves nothing behind
+// (the fixture checks the global instance's memory at teardown too).
+TEST_F(OmTest, NoMemoryForANewGroupLeavesNothingBehind) {
+    IOM* om = MakeStore(1, 0, 1);
+    ASSERT_NE(om, nullptr);
+    PVOID first = CreateAt(om, 5);
+    const KsplCounters before = KsplInUseCounters(pIKspl);
+    for (unsigned n : {1u, 2u}) {
+        SCOPED_TRACE(n);
+        StatusCapture sc;
+        PVOID user = nullptr;
+        KsplAllocFailArm(n);
+        const KSSTATUS st = om->lpVtbl->CreateObjectByHandle(
+            om, PtrFromHandle(MakeHandle(777, 1, 1)), nullptr, nullptr, 0, 0, &user, nullptr);
+        EXPECT_TRUE(KsplAllocFailDisarm());
+        EXPECT_EQ(st, KsplOmErr(KSPL_OM_CODE_NO_MEMORY));
+        EXPECT_TRUE(sc.WasBuilt(KsplOmErr(KSPL_OM_CODE_NO_MEMORY), "ObjectCreateByHandle"));
+        EXPECT_EQ(BlockIds(om), std::vector<UINT32>{5});
+        EXPECT_EQ(Info(om)->index.leaf[3], nullptr);
+        EXPECT_EQ(KsplInUseCounters(pIKspl), before);
+    }
+    PVOID user = CreateAt(om, 777);
+    EXPECT_EQ(BlockIds(om), (std::vector<UINT32>{5, 777}));
+    EXPECT_EQ(om->lpVtbl->DeleteObject(om, user, 0), 0u);
+    EXPECT_EQ(om->lpVtbl->DeleteObject(om, first, 0), 0u);
+    EXPECT_EQ(om->lpVtbl->Release(om), 0u);
 }
 
 TEST_F(OmTest, WaitersForTheLockSeeTheHoldersDelete) {
@@ -127,19 +292,21 @@ TEST_F(OmTest, WaitersForTheLockSeeTheHoldersDelete) {
         StatusCapture sc;
         std::thread finder([&] {
             PVOID out = nullptr;
-            EXPECT_EQ(t->FindObject(om, KeyArg(1), CompareItem, 0, 1, &out), KsplOmErr(11));
+            EXPECT_EQ(t->FindObject(om, KeyArg(1), CompareItem, 0, 1, &out),
+                      KsplOmErr(KSPL_OM_CODE_NOT_FOUND));
         });
         std::thread referrer([&] {
             PVOID out = nullptr;
-            EXPECT_EQ(t->ReferenceObjectByHandle(om, h, 2, &out), KsplOmErr(3));
+            EXPECT_EQ(t->ReferenceObjectByHandle(om, h, 2, &out),
+                      KsplOmErr(KSPL_OM_CODE_INVALID_HANDLE));
         });
         // A waiter that got through the holder's lock would not see the delete.
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
         EXPECT_EQ(t->DeleteObject(om, a, 1), 0u);
         finder.join();
         referrer.join();
-        EXPECT_TRUE(sc.WasBuilt(KsplOmErr(11), "ObjectFind"));
-        EXPECT_TRUE(sc.WasBuilt(KsplOmErr(3), "ObjectReferenceByHandle"));
+        EXPECT_TRUE(sc.WasBuilt(KsplOmErr(KSPL_OM_CODE_NOT_FOUND), "ObjectFind"));
+        EXPECT_TRUE(sc.WasBuilt(KsplOmErr(KSPL_OM_CODE_INVALID_HANDLE), "ObjectReferenceByHandle"));
         EXPECT_EQ(t->Release(om), 0u);
     }
 }

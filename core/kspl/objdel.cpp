@@ -16,19 +16,9 @@
 
 KSPL_SOURCE_UNIT("objdel");
 
+#include "objlookup_int.h"  // after the unit: its statuses carry it
+
 namespace {
-
-constexpr KSSTATUS kStoreFreedStatus = KS_MAKE_STATUS(3, KSPL_OM_FACILITY, KSPL_OM_CODE_STORE_FREED);
-
-// Releases the lock a caller says it holds. A read-write lock is only ever
-// taken for access types 1 and 2; a mutex for any non-zero type.
-void ReleaseCallerLock(ObjectInfo* oi, Object* ob, UINT32 accessType) {
-    if (accessType == kOmAccessNone) return;
-    if (oi->accessLevel == kOmLevelMutex || accessType == kOmAccessExclusive ||
-        accessType == kOmAccessShared) {
-        UnlockObject(oi, ob);
-    }
-}
 
 // Sets `mark` unless the object already carries a deletion mark; TRUE when
 // this call set it.
@@ -57,30 +47,30 @@ KSSTATUS DeleteCommon(ObjectInfo* oi, PVOID pUserData, UINT32 accessType, UINT8 
         markedHere = MarkOnce(ob, mark);
     }
     ReleaseCallerLock(oi, ob, accessType);
-    LockInstance(oi, kOmAccessExclusive);
-    LockObject(oi, ob, kOmAccessExclusive);
-
-    if (markedHere || (ObFlags(ob) & (OBJECT_DELETED | OBJECT_DEALLOCATED)) == 0) {
-        if ((ObFlags(ob) & OBJECT_PREALLOCATED) != 0) {
+    InstanceGuard instance(oi, kOmAccessExclusive);
+    {
+        ObjectGuard object(oi, ob, kOmAccessExclusive);
+        if (markedHere || (ObFlags(ob) & (OBJECT_DELETED | OBJECT_DEALLOCATED)) == 0) {
+            // Off allocatedList or its lookup chain: no lookup by key finds
+            // it from here on.
             OmListRemove(oi, &ob->objectLink);
-            --oi->statsPreallocated;
-        } else {
-            OmListRemove(oi, &ob->objectLink);  // off its lookup chain
+            if ((ObFlags(ob) & OBJECT_PREALLOCATED) != 0) {
+                KS_DCHECK(oi->statsPreallocated != 0);
+                --oi->statsPreallocated;
+            }
+            ObSetFlags(ob, mark);
         }
-        ObSetFlags(ob, mark);
     }
-    UnlockObject(oi, ob);
 
-    if (ObCount(ob) != 0 && OM_KSO(oi, KsoInterlockedDecrement, &ob->instanceCount) != 0) {
-        UnlockInstance(oi);
-        return 0;
-    }
+    if (ObCount(ob) != 0 && OM_KSO(oi, KsoInterlockedDecrement, &ob->instanceCount) != 0) return 0;
     if (FreeObject(oi, ob, FALSE)) {
+        instance.release();
         return KSPL_STATUS_AS(KSPL_OM_FACILITY, KSPL_OM_CODE_STORE_FREED, function);
     }
-    UnlockInstance(oi);
     return 0;
 }
+
+}  // namespace
 
 // Drops a reference without the instance lock held exclusively when that
 // cannot be the decision to free; false, with nothing changed, when the
@@ -107,21 +97,16 @@ bool DropReferenceUnlocked(ObjectInfo* oi, Object* ob) {
         }
     }
     if (count == 0 || (ObFlags(ob) & kMarks) != 0) return false;
-    LockInstance(oi, kOmAccessShared);
-    bool done = false;
+    InstanceGuard instance(oi, kOmAccessShared);
     count = ObCount(ob);
     while (count != 0 && (ObFlags(ob) & kMarks) == 0) {
         if (__atomic_compare_exchange_n(&ob->instanceCount, &count, count - 1, false,
                                         __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
-            done = true;
-            break;
+            return true;
         }
     }
-    UnlockInstance(oi);
-    return done;
+    return false;
 }
-
-}  // namespace
 
 KSSTATUS ObjectDelete(void* pThis, PVOID pUserData, UINT32 accessType) {
     return DeleteCommon(OmInfo(pThis), pUserData, accessType, OBJECT_DELETED, "ObjectDelete");
@@ -132,34 +117,8 @@ KSSTATUS ObjectDeallocate(void* pThis, PVOID pUserData, UINT32 accessType) {
                         "ObjectDeallocate");
 }
 
-namespace {
-
-// kUnlockedDrop: whether a reference that cannot be the last one of a marked
-// object is dropped without the exclusive instance lock. The store always
-// does; the locked-only form exists for the benchmark that measures the gain.
-template <bool kUnlockedDrop>
-KSSTATUS DereferenceCore(ObjectInfo* oi, PVOID pUserData, UINT32 accessType) {
-    static constexpr char kFn[] = "ObjectDereference";
-    if (!OiInitialized(oi) || pUserData == nullptr) {
-        return KSPL_STATUS_AS(KSPL_OM_FACILITY, KSPL_OM_CODE_INVALID_PARAM, kFn);
-    }
-    Object* ob = ObFromUser(pUserData);
-    ReleaseCallerLock(oi, ob, accessType);
-    if (kUnlockedDrop && DropReferenceUnlocked(oi, ob)) return 0;
-    LockInstance(oi, kOmAccessExclusive);
-    // On kStoreFreedStatus the record and its lock are gone.
-    if (InternalObjectDereference(oi, ob) != kStoreFreedStatus) UnlockInstance(oi);
-    return 0;
-}
-
-}  // namespace
-
 KSSTATUS ObjectDereference(void* pThis, PVOID pUserData, UINT32 accessType) {
     return DereferenceCore<true>(OmInfo(pThis), pUserData, accessType);
-}
-
-KSSTATUS ObjectDereferenceExclusive(void* pThis, PVOID pUserData, UINT32 accessType) {
-    return DereferenceCore<false>(OmInfo(pThis), pUserData, accessType);
 }
 
 KSSTATUS ObjectDecrement(void* pThis, PVOID pUserData) {
@@ -167,6 +126,7 @@ KSSTATUS ObjectDecrement(void* pThis, PVOID pUserData) {
 }
 
 KSSTATUS InternalObjectDereference(ObjectInfo* oi, Object* ob) {
+    KS_DCHECK(OmHeldExclusive(oi));
     if (ObCount(ob) != 0 && OM_KSO(oi, KsoInterlockedDecrement, &ob->instanceCount) != 0) {
         return 0;
     }
@@ -176,6 +136,8 @@ KSSTATUS InternalObjectDereference(ObjectInfo* oi, Object* ob) {
 }
 
 BOOLEAN FreeObject(ObjectInfo* oi, Object* ob, BOOLEAN ignoreAccessLevel) {
+    KS_DCHECK(OmHeldExclusive(oi));
+    KS_DCHECK(ObOffLists(&ob->objectLink));
     const UINT8 flags = ObFlags(ob);
     const bool released = (OiFlags(oi) & OI_RELEASED) != 0;
     const bool countedInUse = (flags & OBJECT_PREALLOCATED) == 0;
@@ -205,10 +167,13 @@ BOOLEAN FreeObject(ObjectInfo* oi, Object* ob, BOOLEAN ignoreAccessLevel) {
     if (!recycle) DestroyObjectLock(oi, ob);
     LockInstance(oi, kOmAccessExclusive);
 
-    if (countedInUse) --oi->statsInUse;
+    if (countedInUse) {
+        KS_DCHECK(oi->statsInUse != 0);
+        --oi->statsInUse;
+    }
     BlockHeader* bh = ob->blockStart;
     if (!recycle) {
-        ++bh->freeObjectCount;
+        BlockSlotReturned(oi, bh);
         if (bh->freeObjectCount == oi->objectsPerBlock &&
             ((flags & OBJECT_PERMANENT) == 0 || (OiFlags(oi) & OI_RELEASED) != 0)) {
             return FreeBlock(oi, bh);
@@ -219,14 +184,14 @@ BOOLEAN FreeObject(ObjectInfo* oi, Object* ob, BOOLEAN ignoreAccessLevel) {
     if (recycle) {
         ObStoreFlags(ob, static_cast<UINT8>((flags & ~(OBJECT_DELETED | OBJECT_DEALLOCATED)) |
                                             OBJECT_PREALLOCATED));
-        OmListInsertTail(oi, &oi->allocatedList, &ob->objectLink);
+        OmListInsertSlot(oi, &oi->allocatedList, &ob->objectLink);
         ++oi->statsPreallocated;
         return FALSE;
     }
     ObStoreFlags(ob, static_cast<UINT8>((flags & ~(OBJECT_DELETED | OBJECT_DEALLOCATED |
                                                    OBJECT_IN_USE | OBJECT_PREALLOCATED)) |
                                         OBJECT_FREE));
-    OmListInsertTail(oi, &bh->freeList, &ob->objectLink);
+    OmListInsertSlot(oi, &bh->freeList, &ob->objectLink);
     return FALSE;
 }
 
@@ -252,7 +217,7 @@ void InstanceRelease(ObjectInfo* oi) {
         }
     }
 
-    LockInstance(oi, kOmAccessExclusive);
+    InstanceGuard instance(oi, kOmAccessExclusive);
     OiSetFlags(oi, OI_RELEASED);
 
     // Objects queued while no deletion thread could be started.
@@ -261,35 +226,43 @@ void InstanceRelease(ObjectInfo* oi) {
             PLIST_ENTRY link = oi->objDeleteList.Flink;
             OmListRemove(oi, link);
             OM_KSO(oi, KsoInterlockedDecrement, &numScheduledDelObjects);
-            if (FreeObject(oi, ObFromLink(link), TRUE)) return;
+            if (FreeObject(oi, ObFromLink(link), TRUE)) {
+                instance.release();
+                return;
+            }
         }
     }
 
     while (!OmListEmpty(oi, &oi->allocatedList)) {
         PLIST_ENTRY link = oi->allocatedList.Flink;
         OmListRemove(oi, link);
+        KS_DCHECK(oi->statsPreallocated != 0);
         --oi->statsPreallocated;
         Object* ob = ObFromLink(link);
         ObSetFlags(ob, OBJECT_DELETED);
-        if (FreeObject(oi, ob, TRUE)) return;
+        if (FreeObject(oi, ob, TRUE)) {
+            instance.release();
+            return;
+        }
     }
 
     PLIST_ENTRY link = oi->blockList.Flink;
     while (link != &oi->blockList) {
         BlockHeader* bh = BlockFromLink(link);
         if (bh->freeObjectCount == oi->objectsPerBlock) {
-            if (FreeBlock(oi, bh)) return;
+            if (FreeBlock(oi, bh)) {
+                instance.release();
+                return;
+            }
             link = oi->blockList.Flink;
         } else {
             link = link->Flink;
         }
     }
 
-    if (oi->statsAllocated != 0) {
-        // Blocks with live or queued objects remain; the release of the last
-        // of them frees the record.
-        UnlockInstance(oi);
-        return;
-    }
+    // Blocks with live or queued objects remain: the release of the last of
+    // them frees the record.
+    if (oi->statsAllocated != 0) return;
+    instance.release();  // InstanceDeallocate lets go of the lock and destroys it
     InstanceDeallocate(oi);
 }

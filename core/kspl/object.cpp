@@ -3,8 +3,11 @@
 //
 // Blocks are kept on blockList in ascending id order; a new block takes the
 // smallest id not in use and is linked in front of the first block whose id
-// breaks the dense sequence. All bookkeeping below runs with the instance
-// lock held exclusively (see object_int.h for the lock order).
+// breaks the dense sequence. The block index (object_int.h) mirrors the list
+// so that none of this walks it: AllocBlock and FreeBlock keep both, and
+// every change of a block's free count goes through BlockSlotTaken or
+// BlockSlotReturned. All bookkeeping below runs with the instance lock held
+// exclusively (see object_int.h for the lock order).
 #include "object_int.h"
 
 KSPL_SOURCE_UNIT("object");
@@ -22,6 +25,102 @@ PVOID PoolAlloc(ObjectInfo* oi, UINT32 size) {
                                         : OM_KSO(oi, KsoAllocPagedMemory, size);
 }
 
+// --- the block index -----------------------------------------------------
+
+constexpr UINT32 kGroupOf(UINT32 blockId) { return blockId >> 8; }
+constexpr UINT32 kLowOf(UINT32 blockId) { return blockId & 0xFFu; }
+// Ids a group can hold: group 0 has no id 0.
+constexpr UINT32 kGroupCapacity(UINT32 group) { return group == 0 ? 255u : 256u; }
+
+void IndexReset(ObjectInfo* oi) {
+    OM_KSO(oi, KsoZeroMemory, &oi->index, static_cast<UINT32>(sizeof(oi->index)));
+    oi->index.leaf[0] = &oi->index.first;
+}
+
+// The leaf of `blockId`'s group, made when missing; null when no memory.
+BlockIndexLeaf* IndexLeafFor(ObjectInfo* oi, UINT32 blockId) {
+    BlockIndexLeaf*& leaf = oi->index.leaf[kGroupOf(blockId)];
+    if (leaf == nullptr) {
+        constexpr UINT32 kSize = static_cast<UINT32>(sizeof(BlockIndexLeaf));
+        leaf = static_cast<BlockIndexLeaf*>(PoolAlloc(oi, kSize));
+        if (leaf != nullptr) OM_KSO(oi, KsoZeroMemory, leaf, kSize);
+    }
+    return leaf;
+}
+
+// Gives back the leaf of `group` once it holds no block (group 0 lives in
+// the record and stays).
+void IndexDropLeafIfEmpty(ObjectInfo* oi, UINT32 group) {
+    BlockIndexLeaf*& leaf = oi->index.leaf[group];
+    if (group == 0 || leaf == nullptr || leaf->count != 0) return;
+    KS_DCHECK(!leaf->present.Any() && !leaf->hasFree.Any());
+    OM_KSO(oi, KsoFreeMemory, leaf);
+    leaf = nullptr;
+}
+
+// Mirrors the block's free count into both levels' hasFree sets.
+void IndexNoteFree(ObjectInfo* oi, BlockHeader* bh) {
+    const UINT32 group = kGroupOf(bh->blockId);
+    BlockIndexLeaf* leaf = oi->index.leaf[group];
+    KS_DCHECK(leaf != nullptr && leaf->block[kLowOf(bh->blockId)] == bh);
+    if (bh->freeObjectCount != 0) {
+        leaf->hasFree.Set(kLowOf(bh->blockId));
+        oi->index.hasFree.Set(group);
+    } else {
+        leaf->hasFree.Clear(kLowOf(bh->blockId));
+        if (!leaf->hasFree.Any()) oi->index.hasFree.Clear(group);
+    }
+}
+
+void IndexInsert(ObjectInfo* oi, BlockIndexLeaf* leaf, BlockHeader* bh) {
+    const UINT32 group = kGroupOf(bh->blockId);
+    const UINT32 low = kLowOf(bh->blockId);
+    KS_DCHECK(oi->index.leaf[group] == leaf && leaf->block[low] == nullptr);
+    leaf->block[low] = bh;
+    leaf->present.Set(low);
+    ++leaf->count;
+    oi->index.nonEmpty.Set(group);
+    if (leaf->count == kGroupCapacity(group)) oi->index.full.Set(group);
+    IndexNoteFree(oi, bh);
+}
+
+void IndexRemove(ObjectInfo* oi, BlockHeader* bh) {
+    const UINT32 group = kGroupOf(bh->blockId);
+    const UINT32 low = kLowOf(bh->blockId);
+    BlockIndexLeaf* leaf = oi->index.leaf[group];
+    KS_DCHECK(leaf != nullptr && leaf->block[low] == bh && leaf->count != 0);
+    leaf->block[low] = nullptr;
+    leaf->present.Clear(low);
+    leaf->hasFree.Clear(low);
+    --leaf->count;
+    oi->index.full.Clear(group);
+    if (!leaf->hasFree.Any()) oi->index.hasFree.Clear(group);
+    if (leaf->count == 0) oi->index.nonEmpty.Clear(group);
+    IndexDropLeafIfEmpty(oi, group);
+}
+
+// The smallest id no block has (ids are dense below it), 0 when all 65535
+// are in use.
+UINT32 SmallestUnusedId(const ObjectInfo* oi) {
+    const UINT32 group = oi->index.full.FirstAbsentFrom(0);
+    if (group == 256) return 0;
+    const BlockIndexLeaf* leaf = oi->index.leaf[group];
+    const UINT32 from = group == 0 ? 1 : 0;
+    const UINT32 low = leaf != nullptr ? leaf->present.FirstAbsentFrom(from) : from;
+    KS_DCHECK(low < 256);
+    return group << 8 | low;
+}
+
+// The lowest block with a free slot, null when none has one.
+BlockHeader* LowestBlockWithFree(const ObjectInfo* oi) {
+    const UINT32 group = oi->index.hasFree.FirstFrom(0);
+    if (group == 256) return nullptr;
+    const BlockIndexLeaf* leaf = oi->index.leaf[group];
+    const UINT32 low = leaf->hasFree.FirstFrom(0);
+    KS_DCHECK(low < 256 && leaf->block[low] != nullptr);
+    return leaf->block[low];
+}
+
 // Gives back everything a failed Initialize made, so that the record is
 // zero-like again and a retry starts clean. No other thread can use the
 // store: it was never initialised.
@@ -29,6 +128,7 @@ void UndoInitialize(ObjectInfo* oi) {
     while (!OmListEmpty(oi, &oi->blockList)) {
         PLIST_ENTRY link = oi->blockList.Flink;
         OmListRemove(oi, link);
+        IndexRemove(oi, BlockFromLink(link));
         OM_KSO(oi, KsoFreeMemory, BlockFromLink(link));
     }
     oi->statsAllocated = 0;
@@ -81,6 +181,8 @@ KSSTATUS InternalInitialize(ObjectInfo* oi, UINT32 objectSize, UINT16 objectsPer
     oi->objDeleteWorkHandle = nullptr;
     oi->objDeleteActive = FALSE;
     oi->statsAllocated = oi->statsInUse = oi->statsPreallocated = 0;
+    oi->exclusiveOwner = nullptr;
+    IndexReset(oi);
 
     UINT32 flags = OI_INITIALIZED;
     if ((accessLevel & kOmDeferredMask) != 0) {
@@ -147,10 +249,18 @@ KSSTATUS InternalInitialize(ObjectInfo* oi, UINT32 objectSize, UINT16 objectsPer
 
 BlockHeader* AllocBlock(ObjectInfo* oi, UINT16 blockId, BlockHeader* bhBefore, UINT8 flags) {
     if (blockId == 0) return nullptr;
+    KS_DCHECK(BlockById(oi, blockId) == nullptr);
+    KS_DCHECK(bhBefore == nullptr || bhBefore->blockId > blockId);
+    KS_DCHECK(bhBefore == BlockAtOrAfter(oi, blockId));
     UINT64 size = sizeof(BlockHeader) + static_cast<UINT64>(oi->objectsPerBlock) * oi->objectSize;
     if (size > UINT32_MAX) return nullptr;
+    BlockIndexLeaf* leaf = IndexLeafFor(oi, blockId);
+    if (leaf == nullptr) return nullptr;
     auto* bh = static_cast<BlockHeader*>(PoolAlloc(oi, static_cast<UINT32>(size)));
-    if (bh == nullptr) return nullptr;
+    if (bh == nullptr) {
+        IndexDropLeafIfEmpty(oi, kGroupOf(blockId));
+        return nullptr;
+    }
 
     oi->statsAllocated += oi->objectsPerBlock;
     OmListInit(oi, &bh->freeList);
@@ -174,12 +284,17 @@ BlockHeader* AllocBlock(ObjectInfo* oi, UINT16 blockId, BlockHeader* bhBefore, U
     } else {
         OmListInsertBefore(oi, &oi->blockList, &bh->blockLink, &bhBefore->blockLink);
     }
+    IndexInsert(oi, leaf, bh);
     return bh;
 }
 
 BOOLEAN FreeBlock(ObjectInfo* oi, BlockHeader* bh) {
+    KS_DCHECK(OmHeldExclusive(oi));
+    KS_DCHECK(bh->freeObjectCount == oi->objectsPerBlock);
+    KS_DCHECK(oi->statsAllocated >= oi->objectsPerBlock);
     oi->statsAllocated -= oi->objectsPerBlock;
     OmListRemove(oi, &bh->blockLink);
+    IndexRemove(oi, bh);
     OM_KSO(oi, KsoFreeMemory, bh);
     if (OmListEmpty(oi, &oi->blockList) && (OiFlags(oi) & OI_RELEASED) != 0) {
         InstanceDeallocate(oi);
@@ -188,8 +303,37 @@ BOOLEAN FreeBlock(ObjectInfo* oi, BlockHeader* bh) {
     return FALSE;
 }
 
+BlockHeader* BlockAtOrAfter(const ObjectInfo* oi, UINT32 blockId) {
+    if (blockId == 0) blockId = 1;
+    if (blockId > 0xFFFFu) return nullptr;
+    UINT32 group = kGroupOf(blockId);
+    if (const BlockIndexLeaf* leaf = oi->index.leaf[group]; leaf != nullptr) {
+        UINT32 low = leaf->present.FirstFrom(kLowOf(blockId));
+        if (low < 256) return leaf->block[low];
+    }
+    if (group == 255) return nullptr;
+    group = oi->index.nonEmpty.FirstFrom(group + 1);
+    if (group == 256) return nullptr;
+    const BlockIndexLeaf* leaf = oi->index.leaf[group];
+    return leaf->block[leaf->present.FirstFrom(0)];
+}
+
+void BlockSlotTaken(ObjectInfo* oi, BlockHeader* bh) {
+    KS_DCHECK(OmHeldExclusive(oi));
+    KS_DCHECK(bh->freeObjectCount != 0);
+    if (--bh->freeObjectCount == 0) IndexNoteFree(oi, bh);
+}
+
+void BlockSlotReturned(ObjectInfo* oi, BlockHeader* bh) {
+    KS_DCHECK(OmHeldExclusive(oi));
+    KS_DCHECK(bh->freeObjectCount < oi->objectsPerBlock);
+    if (++bh->freeObjectCount == 1) IndexNoteFree(oi, bh);
+}
+
 void InstanceDeallocate(ObjectInfo* oi) {
     IKspl* k = oi->pIKspl != nullptr ? oi->pIKspl : pIKspl;
+    KS_DCHECK(oi->protect.handle == nullptr || OmHeldExclusive(oi));
+    KS_DCHECK(oi->statsAllocated == 0 && !oi->index.nonEmpty.Any());
     if (oi->pHashListArray != nullptr) {
         k->lpVtbl->KsoFreeMemory(k, oi->pHashListArray);
         oi->pHashListArray = nullptr;
@@ -213,23 +357,20 @@ void InstanceDeallocate(ObjectInfo* oi) {
 }
 
 Object* FindFreeSlot(ObjectInfo* oi) {
-    UINT16 expected = 1;
-    BlockHeader* gap = nullptr;
-    for (PLIST_ENTRY link = oi->blockList.Flink; link != &oi->blockList; link = link->Flink) {
-        BlockHeader* bh = BlockFromLink(link);
-        if (bh->blockId == expected) {
-            ++expected;
-        } else if (gap == nullptr) {
-            gap = bh;
-        }
-        if (bh->freeObjectCount != 0 && !OmListEmpty(oi, &bh->freeList)) {
-            Object* ob = ObFromLink(bh->freeList.Flink);
-            if ((ObFlags(ob) & OBJECT_FREE) != 0) return ob;
-        }
+    KS_DCHECK(OmHeldExclusive(oi));
+    if (BlockHeader* bh = LowestBlockWithFree(oi); bh != nullptr) {
+        // A non-zero free count means a slot on the free list, and a slot
+        // on a free list is marked free.
+        KS_DCHECK(!OmListEmpty(oi, &bh->freeList));
+        KS_DCHECK((ObFlags(ObFromLink(bh->freeList.Flink)) & OBJECT_FREE) != 0);
+        return ObFromLink(bh->freeList.Flink);
     }
-    // Ids are dense from 1 up to the first gap: `expected` is the smallest
-    // id not in use (0 once all 65535 are taken, which AllocBlock refuses).
-    BlockHeader* bh = AllocBlock(oi, expected, gap, OBJECT_FREE);
+    // Ids are dense below the smallest unused one, so the block it makes
+    // goes in front of the first block with a larger id (at the tail when
+    // there is none), which keeps blockList sorted.
+    const UINT32 id = SmallestUnusedId(oi);
+    BlockHeader* bh = AllocBlock(oi, static_cast<UINT16>(id),
+                                 id != 0 ? BlockAtOrAfter(oi, id) : nullptr, OBJECT_FREE);
     if (bh == nullptr) return nullptr;
     return ObFromLink(bh->freeList.Flink);
 }
@@ -262,7 +403,26 @@ bool TakeFreeSlot(ObjectInfo* oi, Object* ob) {
 }
 
 void ReturnFreeSlot(ObjectInfo* oi, Object* ob) {
-    OmListInsertTail(oi, &ob->blockStart->freeList, &ob->objectLink);
+    KS_DCHECK((ObFlags(ob) & OBJECT_FREE) != 0);
+    OmListInsertSlot(oi, &ob->blockStart->freeList, &ob->objectLink);
+}
+
+KSSTATUS MakeObject(ObjectInfo* oi, Object* ob, PKSO_OBJECT_INIT_ROUTINE pInitRoutine,
+                    PVOID pInitData, const char* function) {
+    KS_DCHECK(OmHeldExclusive(oi));
+    if (!TakeFreeSlot(oi, ob)) {
+        return KSPL_STATUS_AS(KSPL_OM_FACILITY, KSPL_OM_CODE_NO_MEMORY, function);
+    }
+    OM_KSO(oi, KsoZeroMemory, ObUser(ob), oi->objectSize - static_cast<UINT32>(sizeof(Object)));
+    if (pInitRoutine != nullptr) {
+        KSSTATUS status = pInitRoutine(ObUser(ob), pInitData);
+        if (KS_IS_ERROR(status)) {
+            DestroyObjectLock(oi, ob);
+            ReturnFreeSlot(oi, ob);
+            return status;
+        }
+    }
+    return 0;
 }
 
 KSSTATUS ObjectAllocate(void* pThis, PVOID* ppUserData) {
@@ -271,21 +431,18 @@ KSSTATUS ObjectAllocate(void* pThis, PVOID* ppUserData) {
         return KSPL_OM_STATUS(KSPL_OM_CODE_INVALID_PARAM);
     }
     *ppUserData = nullptr;
-    LockInstance(oi, kOmAccessExclusive);
+    InstanceGuard instance(oi, kOmAccessExclusive);
     Object* ob = FindFreeSlot(oi);
-    if (ob == nullptr || !TakeFreeSlot(oi, ob)) {
-        UnlockInstance(oi);
-        return KSPL_OM_STATUS(KSPL_OM_CODE_NO_MEMORY);
-    }
-    OM_KSO(oi, KsoZeroMemory, ObUser(ob), oi->objectSize - static_cast<UINT32>(sizeof(Object)));
-    --ob->blockStart->freeObjectCount;
+    if (ob == nullptr) return KSPL_OM_STATUS(KSPL_OM_CODE_NO_MEMORY);
+    KSSTATUS status = MakeObject(oi, ob, nullptr, nullptr, "ObjectAllocate");
+    if (status != 0) return status;
+    BlockSlotTaken(oi, ob->blockStart);
     ObStoreFlags(ob, static_cast<UINT8>((ObFlags(ob) & ~OBJECT_FREE) | OBJECT_IN_USE |
                                         OBJECT_PREALLOCATED));
     OM_KSO(oi, KsoInterlockedExchange, &ob->instanceCount, 1u);
-    OmListInsertTail(oi, &oi->allocatedList, &ob->objectLink);
+    OmListInsertSlot(oi, &oi->allocatedList, &ob->objectLink);
     ++oi->statsPreallocated;
     *ppUserData = ObUser(ob);
-    UnlockInstance(oi);
     return 0;
 }
 
@@ -345,8 +502,10 @@ void WaitObjectReady(ObjectInfo* oi, Object* ob) {
 // --- deferred deletion ---------------------------------------------------
 
 void ScheduleObjForDeletion(ObjectInfo* oi, Object* ob) {
+    KS_DCHECK(OmHeldExclusive(oi));
+    KS_DCHECK((ObFlags(ob) & (OBJECT_DELETED | OBJECT_DEALLOCATED)) != 0 && ObCount(ob) == 0);
     OM_KSO(oi, KsoInterlockedIncrement, &numScheduledDelObjects);
-    OmListInsertTail(oi, &oi->objDeleteList, &ob->objectLink);
+    OmListInsertSlot(oi, &oi->objDeleteList, &ob->objectLink);
     if (oi->objDeleteActive) return;
     oi->objDeleteActive = TRUE;
     HANDLE thread = nullptr;
@@ -361,18 +520,21 @@ void ObjDeleteThread(HANDLE threadHandle, PVOID context) {
     auto* oi = static_cast<ObjectInfo*>(context);
     // The record may be freed by this thread; the services stay reachable.
     IKspl* k = oi->pIKspl;
-    LockInstance(oi, kOmAccessExclusive);
-    while (!OmListEmpty(oi, &oi->objDeleteList)) {
-        PLIST_ENTRY link = oi->objDeleteList.Flink;
-        OmListRemove(oi, link);
-        k->lpVtbl->KsoInterlockedDecrement(k, &numScheduledDelObjects);
-        if (FreeObject(oi, ObFromLink(link), TRUE)) {
-            k->lpVtbl->KsoExitThread(k, threadHandle, 0, TRUE);
-            return;
+    {
+        InstanceGuard instance(oi, kOmAccessExclusive);
+        bool storeFreed = false;
+        while (!storeFreed && !OmListEmpty(oi, &oi->objDeleteList)) {
+            PLIST_ENTRY link = oi->objDeleteList.Flink;
+            OmListRemove(oi, link);
+            k->lpVtbl->KsoInterlockedDecrement(k, &numScheduledDelObjects);
+            storeFreed = FreeObject(oi, ObFromLink(link), TRUE) != FALSE;
+        }
+        if (storeFreed) {
+            instance.release();
+        } else {
+            oi->objDeleteActive = FALSE;
         }
     }
-    oi->objDeleteActive = FALSE;
-    UnlockInstance(oi);
     k->lpVtbl->KsoExitThread(k, threadHandle, 0, TRUE);
 }
 
@@ -380,7 +542,7 @@ void ObjDeleteWorker(HANDLE /*workHandle*/, PVOID context) {
     // Never queued by the store; kept so that the work item has a routine
     // that would start the deletion thread like ScheduleObjForDeletion.
     auto* oi = static_cast<ObjectInfo*>(context);
-    LockInstance(oi, kOmAccessExclusive);
+    InstanceGuard instance(oi, kOmAccessExclusive);
     if (!oi->objDeleteActive && !OmListEmpty(oi, &oi->objDeleteList)) {
         oi->objDeleteActive = TRUE;
         HANDLE thread = nullptr;
@@ -388,5 +550,4 @@ void ObjDeleteWorker(HANDLE /*workHandle*/, PVOID context) {
             oi->objDeleteActive = FALSE;
         }
     }
-    UnlockInstance(oi);
 }

@@ -11,10 +11,13 @@
 // object lock; callers that may hold one (delete, deallocate, dereference
 // with an access type) release it first.
 //
-// The instance lock guards blockList, every free list, the lookup chains,
-// allocatedList, objDeleteList, objDeleteActive and the statistics. Changes
-// take it exclusively; lookups (by key, by handle, enumeration) and reads
-// of the statistics take it shared.
+// The instance lock guards blockList and the block index, every free list,
+// the lookup chains, allocatedList, objDeleteList, objDeleteActive and the
+// statistics. Changes take it exclusively; lookups (by key, by handle,
+// enumeration) and reads of the statistics take it shared. Routines take
+// it, and object locks, through InstanceGuard and ObjectGuard; the few
+// manual pairs left are FreeObject's (it lets go around the caller's
+// routine) and InstanceDeallocate's (the lock dies with the record).
 // instanceCount changes only atomically. A decrement that could be the
 // decision to free (the last reference of a marked object) only ever
 // happens under the instance lock held exclusively, so no holder of the
@@ -30,6 +33,57 @@
 
 #include "kspl_internal.h"
 
+// A set of 256 members (block ids of one group, or groups), as four words,
+// with the scans the block index needs.
+struct IdBits {
+    UINT64 w[4];
+    void Set(UINT32 i) { w[i >> 6] |= UINT64{1} << (i & 63); }
+    void Clear(UINT32 i) { w[i >> 6] &= ~(UINT64{1} << (i & 63)); }
+    bool Test(UINT32 i) const { return (w[i >> 6] >> (i & 63) & 1) != 0; }
+    bool Any() const { return (w[0] | w[1] | w[2] | w[3]) != 0; }
+    // The first member at or above `from`, or 256 when there is none.
+    UINT32 FirstFrom(UINT32 from) const { return Scan(from, 0); }
+    // The first non-member at or above `from`, or 256.
+    UINT32 FirstAbsentFrom(UINT32 from) const { return Scan(from, ~UINT64{0}); }
+
+private:
+    UINT32 Scan(UINT32 from, UINT64 flip) const {
+        for (UINT32 k = from >> 6; k < 4; ++k) {
+            UINT64 word = w[k] ^ flip;
+            if (k == from >> 6) word &= ~UINT64{0} << (from & 63);
+            if (word != 0) return k * 64 + static_cast<UINT32>(__builtin_ctzll(word));
+        }
+        return 256;
+    }
+};
+
+struct BlockHeader;
+
+// The blocks of ids g*256 .. g*256+255 (group g).
+struct BlockIndexLeaf {
+    BlockHeader* block[256];  // by the id's low byte; null when absent
+    IdBits present;           // ids with a block
+    IdBits hasFree;           // blocks whose freeObjectCount is not zero
+    UINT32 count;             // blocks in the group
+};
+
+// Block id -> block in two levels, kept with blockList. With the bitmaps
+// the free-slot search (lowest block with a free slot, else the smallest
+// unused id), lookups by handle and the enumeration cursor cost a few word
+// scans whatever the number of blocks, instead of a walk of blockList.
+// Group 0 (ids 1..255) is part of the record, so a store of fewer than 256
+// blocks makes no allocation for its index; other groups are allocated from
+// the store's pool with their first block and freed with their last.
+// Guarded like blockList: changed under the instance lock held exclusively,
+// read under it in either mode.
+struct BlockIndex {
+    BlockIndexLeaf* leaf[256];  // leaf[0] == &first once initialised
+    IdBits nonEmpty;            // groups holding a block
+    IdBits full;                // groups with every id in use (1..255 for group 0)
+    IdBits hasFree;             // groups holding a block with a free slot
+    BlockIndexLeaf first;
+};
+
 // The pair an object-manager lock is kept in: the lock handle (null when
 // none) and the state a spin-lock acquire would hand to its release.
 struct ProtectToken {
@@ -37,8 +91,6 @@ struct ProtectToken {
     KSSPIN_STATE spinState;
 };
 using pProtectToken = ProtectToken*;
-
-struct BlockHeader;
 
 // Instance record; it is also the IOM / IOM_2 interface pointer.
 struct ObjectInfo {
@@ -63,6 +115,11 @@ struct ObjectInfo {
     BOOLEAN objDeleteActive;
     LIST_ENTRY objDeleteList;
     HANDLE objDeleteWorkHandle;
+    // Fields of this implementation, after the ones every store shares.
+    // The thread that holds the instance lock exclusively (checked builds
+    // only; null otherwise): lets the bookkeeping assert its lock.
+    const void* exclusiveOwner;
+    BlockIndex index;
 };
 
 struct BlockHeader {
@@ -145,6 +202,17 @@ inline void OmListInsertBefore(ObjectInfo* oi, PLIST_ENTRY head, PLIST_ENTRY ent
 
 // --- small accessors ---------------------------------------------------
 
+// A slot is on at most one list at a time: every list removal leaves the
+// marker in its links, and every insertion of a slot checks for it.
+inline bool ObOffLists(const LIST_ENTRY* link) {
+    return link->Flink == reinterpret_cast<PLIST_ENTRY>(KS_LIST_REMOVED_MARKER) &&
+           link->Blink == reinterpret_cast<PLIST_ENTRY>(KS_LIST_REMOVED_MARKER);
+}
+inline void OmListInsertSlot(ObjectInfo* oi, PLIST_ENTRY head, PLIST_ENTRY slotLink) {
+    KS_DCHECK(ObOffLists(slotLink));
+    OmListInsertTail(oi, head, slotLink);
+}
+
 inline ObjectInfo* OmInfo(void* pThis) { return static_cast<ObjectInfo*>(pThis); }
 inline UINT32 OiFlags(const ObjectInfo* oi) { return __atomic_load_n(&oi->flags, __ATOMIC_ACQUIRE); }
 inline void OiSetFlags(ObjectInfo* oi, UINT32 bits) {
@@ -226,6 +294,27 @@ BlockHeader* AllocBlock(ObjectInfo* oi, UINT16 blockId, BlockHeader* bhBefore, U
 // REQUIRES: instance lock held exclusively. TRUE when the record was freed
 // (the lock went with it).
 BOOLEAN FreeBlock(ObjectInfo* oi, BlockHeader* bh);
+
+// --- the block index (object.cpp); REQUIRES: instance lock held ----------
+
+// Null for id 0 and for ids without a block.
+inline BlockHeader* BlockById(const ObjectInfo* oi, UINT32 blockId) {
+    if (blockId == 0 || blockId > 0xFFFFu) return nullptr;
+    const BlockIndexLeaf* leaf = oi->index.leaf[blockId >> 8];
+    return leaf != nullptr ? leaf->block[blockId & 0xFFu] : nullptr;
+}
+// The block with the smallest id at or above `blockId`; null when none.
+BlockHeader* BlockAtOrAfter(const ObjectInfo* oi, UINT32 blockId);
+// The next block on blockList, null after the last.
+inline BlockHeader* NextBlock(const ObjectInfo* oi, BlockHeader* bh) {
+    return bh->blockLink.Flink != &oi->blockList
+               ? reinterpret_cast<BlockHeader*>(bh->blockLink.Flink)
+               : nullptr;
+}
+// A slot of `bh` was taken off its free list for good (created, opened by
+// handle, preallocated) or came back to it. REQUIRES: exclusive.
+void BlockSlotTaken(ObjectInfo* oi, BlockHeader* bh);
+void BlockSlotReturned(ObjectInfo* oi, BlockHeader* bh);
 // REQUIRES: instance lock held exclusively (or no lock made); frees the record.
 void InstanceDeallocate(ObjectInfo* oi);
 // Free-slot search. REQUIRES: instance lock held exclusively. Null when no
@@ -237,22 +326,121 @@ Object* FindFreeSlot(ObjectInfo* oi);
 bool TakeFreeSlot(ObjectInfo* oi, Object* ob);
 // Gives a taken slot back to its block's free list without freeing it.
 void ReturnFreeSlot(ObjectInfo* oi, Object* ob);
+// Makes a new object in free slot `ob`: takes it off its free list with a
+// lock of its own, zeroes the user area and runs the init routine (when
+// given). On failure (code 5 built for `function`, or the init routine's
+// status) the slot is back on its free list as it was. REQUIRES: instance
+// lock held exclusively.
+KSSTATUS MakeObject(ObjectInfo* oi, Object* ob, PKSO_OBJECT_INIT_ROUTINE pInitRoutine,
+                    PVOID pInitData, const char* function);
 KSSTATUS AllocObjectLock(ObjectInfo* oi, Object* ob);
 void DestroyObjectLock(ObjectInfo* oi, Object* ob);
 
 BOOLEAN InternalAcquire(ObjectInfo* oi, UINT32 accessLevel, pProtectToken pProtect,
                         UINT32 accessType);
 void InternalRelease(ObjectInfo* oi, UINT32 accessLevel, pProtectToken pProtect);
+
+// An address unique to the calling thread, for the owner checks.
+inline const void* OmThreadTag() {
+    static thread_local char tag;
+    return &tag;
+}
+inline bool OmExclusive(const ObjectInfo* oi, UINT32 accessType) {
+    return oi->accessLevel == kOmLevelMutex || accessType == kOmAccessExclusive;
+}
+// True when the calling thread holds the instance lock exclusively (always
+// true in builds without checks, where the owner is not recorded).
+inline bool OmHeldExclusive(const ObjectInfo* oi) {
+#if defined(KSPL_DCHECKS) && KSPL_DCHECKS
+    return __atomic_load_n(&oi->exclusiveOwner, __ATOMIC_RELAXED) == OmThreadTag();
+#else
+    (void)oi;
+    return true;
+#endif
+}
+
 inline void LockInstance(ObjectInfo* oi, UINT32 accessType) {
     InternalAcquire(oi, oi->accessLevel, &oi->protect, accessType);
+#if defined(KSPL_DCHECKS) && KSPL_DCHECKS
+    if (OmExclusive(oi, accessType)) {
+        KS_DCHECK(__atomic_load_n(&oi->exclusiveOwner, __ATOMIC_RELAXED) == nullptr);
+        __atomic_store_n(&oi->exclusiveOwner, OmThreadTag(), __ATOMIC_RELAXED);
+    }
+#endif
 }
-inline void UnlockInstance(ObjectInfo* oi) { InternalRelease(oi, oi->accessLevel, &oi->protect); }
+inline void UnlockInstance(ObjectInfo* oi) {
+#if defined(KSPL_DCHECKS) && KSPL_DCHECKS
+    if (__atomic_load_n(&oi->exclusiveOwner, __ATOMIC_RELAXED) == OmThreadTag()) {
+        __atomic_store_n(&oi->exclusiveOwner, static_cast<const void*>(nullptr), __ATOMIC_RELAXED);
+    }
+#endif
+    InternalRelease(oi, oi->accessLevel, &oi->protect);
+}
 inline BOOLEAN LockObject(ObjectInfo* oi, Object* ob, UINT32 accessType) {
     return InternalAcquire(oi, oi->accessLevel, &ob->protect, accessType);
 }
 inline void UnlockObject(ObjectInfo* oi, Object* ob) {
     InternalRelease(oi, oi->accessLevel, &ob->protect);
 }
+
+// The instance lock for a scope. unlock() and lock() let a routine drop it
+// around a step that must run without it (a caller's routine, an object
+// lock) and take it again; release() forgets it without unlocking, for the
+// path on which freeing the last block freed the record and its lock.
+class InstanceGuard {
+public:
+    InstanceGuard(ObjectInfo* oi, UINT32 accessType) : oi_(oi) { lock(accessType); }
+    ~InstanceGuard() {
+        if (held_) UnlockInstance(oi_);
+    }
+    InstanceGuard(const InstanceGuard&) = delete;
+    InstanceGuard& operator=(const InstanceGuard&) = delete;
+
+    void lock(UINT32 accessType) {
+        KS_DCHECK(!held_);
+        LockInstance(oi_, accessType);
+        held_ = true;
+    }
+    void unlock() {
+        KS_DCHECK(held_);
+        held_ = false;
+        UnlockInstance(oi_);
+    }
+    void release() {
+        KS_DCHECK(held_);
+        held_ = false;
+    }
+
+private:
+    ObjectInfo* oi_;
+    bool held_ = false;
+};
+
+// An object's lock for a scope, when the access type took one (level 0
+// takes none for access type 0). release() hands it to the caller: the
+// routine returns holding it.
+class ObjectGuard {
+public:
+    ObjectGuard(ObjectInfo* oi, Object* ob, UINT32 accessType)
+        : oi_(oi), ob_(ob), held_(LockObject(oi, ob, accessType) != FALSE) {}
+    ~ObjectGuard() {
+        if (held_) UnlockObject(oi_, ob_);
+    }
+    ObjectGuard(const ObjectGuard&) = delete;
+    ObjectGuard& operator=(const ObjectGuard&) = delete;
+
+    bool held() const { return held_; }
+    void unlock() {
+        if (held_) UnlockObject(oi_, ob_);
+        held_ = false;
+    }
+    void release() { held_ = false; }
+
+private:
+    ObjectInfo* oi_;
+    Object* ob_;
+    bool held_;
+};
 KSSTATUS ObjectAcquireAccess(void* pThis, PVOID pUserData, UINT32 accessType);
 KSSTATUS ObjectReleaseAccess(void* pThis, PVOID pUserData);
 
@@ -297,23 +485,16 @@ KSSTATUS ObjectOpen(void* pThis, PVOID pInitData, PKSO_OBJECT_INIT_ROUTINE pInit
 KSSTATUS ObjectGetStats(void* pThis, PUINT32 pObjectsAllocated, PUINT32 pObjectsInUse,
                         PUINT32 pObjectsPreallocated);
 
-// Reference by handle, find and dereference with every instance lock taken
-// exclusively (the store's former way for reference by handle and for every
-// dereference). Only the object benchmark calls them, to measure both ways
-// in one run; no interface table holds them.
-KSSTATUS ObjectReferenceByHandleExclusive(void* pThis, HANDLE handle, UINT32 accessType,
-                                          PVOID* ppUserData);
-KSSTATUS ObjectFindExclusive(void* pThis, PVOID pCompareData,
-                             PKSO_OBJECT_COMPARE_ROUTINE pCompareRoutine, UINT32 CompareIndex,
-                             UINT32 accessType, PVOID* ppUserData);
-KSSTATUS ObjectDereferenceExclusive(void* pThis, PVOID pUserData, UINT32 accessType);
-
 // --- deletion, freeing, teardown (objdel.cpp) ---------------------------
 
 KSSTATUS ObjectDelete(void* pThis, PVOID pUserData, UINT32 accessType);
 KSSTATUS ObjectDeallocate(void* pThis, PVOID pUserData, UINT32 accessType);
 KSSTATUS ObjectDereference(void* pThis, PVOID pUserData, UINT32 accessType);
 KSSTATUS ObjectDecrement(void* pThis, PVOID pUserData);
+// Drops a reference without the instance lock held exclusively when that
+// cannot be the decision to free; false, with nothing changed, when the
+// caller must take the locked path (objdel.cpp explains why it is safe).
+bool DropReferenceUnlocked(ObjectInfo* oi, Object* ob);
 // REQUIRES: instance lock held exclusively. Returns 4100 (built) when the
 // record was freed, after which the lock is gone too.
 KSSTATUS InternalObjectDereference(ObjectInfo* oi, Object* ob);

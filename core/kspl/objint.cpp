@@ -9,6 +9,8 @@
 
 KSPL_SOURCE_UNIT("objint");
 
+#include "objlookup_int.h"  // after the unit: its statuses carry it
+
 namespace {
 
 enum class Report { kDone, kRetry, kStoreFreed };
@@ -17,15 +19,16 @@ enum class Report { kDone, kRetry, kStoreFreed };
 // is told 1 and gets `createAccess`; every later one is told 2 and gets
 // `openAccess`. Entered without the instance lock. kRetry: the object was
 // deleted after it was found; its reference is dropped and the instance
-// lock is held again for the caller's creation step.
-Report FirstOpenReport(ObjectInfo* oi, Object* ob, UINT32 createAccess, UINT32 openAccess,
-                       PUINT32 pOpenedMode) {
-    LockObject(oi, ob, kOmAccessExclusive);
+// lock is held again for the caller's creation step. kStoreFreed: dropping
+// that reference freed the store, lock and all.
+Report FirstOpenReport(ObjectInfo* oi, InstanceGuard& instance, Object* ob, UINT32 createAccess,
+                       UINT32 openAccess, PUINT32 pOpenedMode) {
+    ObjectGuard object(oi, ob, kOmAccessExclusive);
     if ((ObFlags(ob) & (OBJECT_DELETED | OBJECT_DEALLOCATED)) != 0) {
-        UnlockObject(oi, ob);
-        LockInstance(oi, kOmAccessExclusive);
-        if (InternalObjectDereference(oi, ob) ==
-            KS_MAKE_STATUS(3, KSPL_OM_FACILITY, KSPL_OM_CODE_STORE_FREED)) {
+        object.unlock();
+        instance.lock(kOmAccessExclusive);
+        if (InternalObjectDereference(oi, ob) == kOmStoreFreedStatus) {
+            instance.release();
             return Report::kStoreFreed;
         }
         return Report::kRetry;
@@ -34,113 +37,80 @@ Report FirstOpenReport(ObjectInfo* oi, Object* ob, UINT32 createAccess, UINT32 o
     UINT32 mode = (before & OBJECT_READY) != 0 ? OM_OPENED_EXISTING : OM_OPENED_CREATED;
     UINT32 access = mode == OM_OPENED_EXISTING ? openAccess : createAccess;
     if (pOpenedMode != nullptr) *pOpenedMode = mode;
-    if (access == kOmAccessExclusive) return Report::kDone;
-    UnlockObject(oi, ob);
-    if (access == kOmAccessShared) LockObject(oi, ob, kOmAccessShared);
+    if (access == kOmAccessExclusive) {
+        object.release();  // the caller's now
+        return Report::kDone;
+    }
+    object.unlock();
+    if (access == kOmAccessShared) LockObject(oi, ob, kOmAccessShared);  // the caller's
     return Report::kDone;
 }
 
-// REQUIRES: instance lock held (either mode).
-Object* LookupChain(ObjectInfo* oi, UINT32 index, PVOID pCompareData,
-                    PKSO_OBJECT_COMPARE_ROUTINE pCompareRoutine) {
-    PLIST_ENTRY head = &oi->pHashListArray[index];
-    for (PLIST_ENTRY link = head->Flink; link != head; link = link->Flink) {
-        Object* ob = ObFromLink(link);
-        if (pCompareRoutine == nullptr || pCompareRoutine(ObUser(ob), pCompareData) == 1) return ob;
+// The last step of every creation and open: the new object goes on chain
+// `chain` with the creator's reference, counted in use and not yet
+// reported. Its slot comes from a block's free list (that block counts one
+// free slot less) or from allocatedList. REQUIRES: instance lock held
+// exclusively.
+void Publish(ObjectInfo* oi, Object* ob, UINT32 chain) {
+    KS_DCHECK(OmHeldExclusive(oi));
+    KS_DCHECK(chain < oi->hashSize);
+    const UINT8 flags = ObFlags(ob);
+    if ((flags & OBJECT_PREALLOCATED) != 0) {
+        KS_DCHECK(oi->statsPreallocated != 0);
+        --oi->statsPreallocated;
+    } else {
+        BlockSlotTaken(oi, ob->blockStart);
     }
-    return nullptr;
+    OmListInsertSlot(oi, &oi->pHashListArray[chain], &ob->objectLink);
+    ++oi->statsInUse;
+    ObStoreFlags(ob,
+                 static_cast<UINT8>((flags & ~(OBJECT_FREE | OBJECT_PREALLOCATED | OBJECT_READY)) |
+                                    OBJECT_IN_USE));
+    OM_KSO(oi, KsoInterlockedExchange, &ob->instanceCount, 1u);
 }
 
-// REQUIRES: instance lock held. Null when no block with that id exists.
-BlockHeader* BlockById(ObjectInfo* oi, UINT32 blockId) {
-    for (PLIST_ENTRY link = oi->blockList.Flink; link != &oi->blockList; link = link->Flink) {
-        BlockHeader* bh = BlockFromLink(link);
-        if (bh->blockId == blockId) return bh;
-        if (bh->blockId > blockId) break;
-    }
-    return nullptr;
-}
-
-inline UINT32 UserSize(const ObjectInfo* oi) {
-    return oi->objectSize - static_cast<UINT32>(sizeof(Object));
-}
-
-inline void AddReference(ObjectInfo* oi, Object* ob) {
-    OM_KSO(oi, KsoInterlockedIncrement, &ob->instanceCount);
-}
-
-// Drops the reference a lookup took, releasing the lock it took (when it
-// took one). Entered without the instance lock.
-void DropLookup(ObjectInfo* oi, Object* ob, BOOLEAN held, UINT32 accessType) {
-    ObjectDereference(oi, ObUser(ob), held ? accessType : kOmAccessNone);
-}
-
-// kLookupLock: the mode the instance lock is taken in for the lookup; the
-// store itself always uses shared (the exclusive form exists for the
-// benchmark that measures what the shared lock gains).
-template <UINT32 kLookupLock>
-KSSTATUS ReferenceByHandleCore(ObjectInfo* oi, UINT32 handle, UINT32 accessType,
-                               PVOID* ppUserData) {
-    static constexpr char kFn[] = "ObjectReferenceByHandle";
-    if (!OiInitialized(oi) || ppUserData == nullptr) {
-        return KSPL_STATUS_AS(KSPL_OM_FACILITY, KSPL_OM_CODE_INVALID_PARAM, kFn);
-    }
-    *ppUserData = nullptr;
-    UINT32 indexByte = HandleIndexByte(handle);
-    if (indexByte == 0 || indexByte > oi->objectsPerBlock) return KSPL_OM_STATUS_INVALID_HANDLE;
-
-    LockInstance(oi, kLookupLock);
-    BlockHeader* bh = BlockById(oi, HandleBlockId(handle));
-    Object* ob = bh != nullptr ? ObSlot(oi, bh, indexByte - 1) : nullptr;
-    // The full word must match (a freed slot has moved on to its next
-    // generation); a free, deleted, or recycling slot is refused.
-    if (ob == nullptr || ObHandle(ob) != handle ||
-        (ObFlags(ob) & (OBJECT_FREE | OBJECT_DELETED)) != 0 || ObBeingFreed(ob)) {
-        UnlockInstance(oi);
-        return KSPL_OM_STATUS_INVALID_HANDLE;
-    }
-    AddReference(oi, ob);
-    UnlockInstance(oi);
-
-    if (accessType != kOmAccessNone) {
-        BOOLEAN held = LockObject(oi, ob, accessType);
-        if ((ObFlags(ob) & (OBJECT_DELETED | OBJECT_DEALLOCATED)) != 0) {
-            DropLookup(oi, ob, held, accessType);
-            return KSPL_STATUS_AS(KSPL_OM_FACILITY, KSPL_OM_CODE_INVALID_HANDLE, kFn);
+// The tail CreateObject and OpenObject share. `ob` is the object the lookup
+// found (referenced), or null, in which case `make(&ob)` makes one under
+// the instance lock (0, or the failure to return). Then the first-open
+// report; when it finds the object deleted meanwhile, another one is made:
+// the lookup is not repeated. Entered with the instance lock held
+// exclusively.
+template <typename Make>
+KSSTATUS CreateOrOpen(ObjectInfo* oi, InstanceGuard& instance, Object* ob, Make make,
+                      UINT32 createAccess, UINT32 openAccess, PVOID* ppUserData,
+                      PUINT32 pOpenedMode, const char* function) {
+    for (;;) {
+        if (ob == nullptr) {
+            KSSTATUS status = make(&ob);
+            if (status != 0) return status;
+        }
+        instance.unlock();
+        switch (FirstOpenReport(oi, instance, ob, createAccess, openAccess, pOpenedMode)) {
+            case Report::kDone:
+                *ppUserData = ObUser(ob);
+                return 0;
+            case Report::kStoreFreed:
+                return KSPL_STATUS_AS(KSPL_OM_FACILITY, KSPL_OM_CODE_STORE_FREED, function);
+            case Report::kRetry:
+                ob = nullptr;
+                break;
         }
     }
-    *ppUserData = ObUser(ob);
-    return 0;
 }
 
-// The key lookup of ObjectFind; kLookupLock as for ReferenceByHandleCore.
-template <UINT32 kLookupLock>
-KSSTATUS FindCore(ObjectInfo* oi, PVOID pCompareData, PKSO_OBJECT_COMPARE_ROUTINE pCompareRoutine,
-                  UINT32 CompareIndex, UINT32 accessType, PVOID* ppUserData) {
-    static constexpr char kFn[] = "ObjectFind";
-    if (!OiInitialized(oi) || ppUserData == nullptr || CompareIndex >= oi->hashSize) {
-        return KSPL_STATUS_AS(KSPL_OM_FACILITY, KSPL_OM_CODE_INVALID_PARAM, kFn);
-    }
-    *ppUserData = nullptr;
-    LockInstance(oi, kLookupLock);
-    Object* ob = LookupChain(oi, CompareIndex, pCompareData, pCompareRoutine);
-    if (ob == nullptr) {
-        UnlockInstance(oi);
-        return KSPL_OM_STATUS_NOT_FOUND;
-    }
-    AddReference(oi, ob);
-    UnlockInstance(oi);
-
-    if (accessType != kOmAccessNone) {
-        WaitObjectReady(oi, ob);
-        BOOLEAN held = LockObject(oi, ob, accessType);
-        if ((ObFlags(ob) & (OBJECT_DELETED | OBJECT_DEALLOCATED)) != 0) {
-            DropLookup(oi, ob, held, accessType);
-            return KSPL_STATUS_AS(KSPL_OM_FACILITY, KSPL_OM_CODE_NOT_FOUND, kFn);
+// The first slot of `bh` at or after `from` that an enumeration returns
+// (objectsPerBlock when none). REQUIRES: instance lock held.
+UINT32 ScanBlock(ObjectInfo* oi, BlockHeader* bh, UINT32 from, PVOID pCompareData,
+                 PKSO_OBJECT_COMPARE_ROUTINE pCompareRoutine) {
+    for (UINT32 i = from; i < oi->objectsPerBlock; ++i) {
+        Object* ob = ObSlot(oi, bh, i);
+        UINT8 flags = ObFlags(ob);
+        if ((flags & OBJECT_IN_USE) == 0 || (flags & OBJECT_DELETED) != 0 || ObBeingFreed(ob)) {
+            continue;
         }
+        if (pCompareRoutine == nullptr || pCompareRoutine(ObUser(ob), pCompareData) == 1) return i;
     }
-    *ppUserData = ObUser(ob);
-    return 0;
+    return oi->objectsPerBlock;
 }
 
 KSSTATUS GetHandleCore(ObjectInfo* oi, PVOID pUserData, PHANDLE phandle, UINT32 mask,
@@ -158,133 +128,82 @@ KSSTATUS ObjectCreate(void* pThis, PVOID pInitData, PKSO_OBJECT_INIT_ROUTINE pIn
                       PVOID pCompareData, PKSO_OBJECT_COMPARE_ROUTINE pCompareRoutine,
                       UINT32 CompareIndex, UINT32 createAccess, UINT32 openAccess,
                       PVOID* ppUserData, PUINT32 pOpenedMode) {
+    static constexpr char kFn[] = "ObjectCreate";
     ObjectInfo* oi = OmInfo(pThis);
     if (!OiInitialized(oi) || ppUserData == nullptr || CompareIndex >= oi->hashSize) {
-        return KSPL_OM_STATUS(KSPL_OM_CODE_INVALID_PARAM);
+        return KSPL_STATUS_AS(KSPL_OM_FACILITY, KSPL_OM_CODE_INVALID_PARAM, kFn);
     }
     *ppUserData = nullptr;
-    LockInstance(oi, kOmAccessExclusive);
-    Object* ob = nullptr;
+    InstanceGuard instance(oi, kOmAccessExclusive);
+    Object* found = nullptr;
     if (pCompareRoutine != nullptr) {
-        ob = LookupChain(oi, CompareIndex, pCompareData, pCompareRoutine);
-        if (ob != nullptr) AddReference(oi, ob);
+        found = LookupChain(oi, CompareIndex, pCompareData, pCompareRoutine);
+        if (found != nullptr) OmAddReference(oi, found);
     }
-    for (;;) {
-        if (ob == nullptr) {
-            ob = FindFreeSlot(oi);
-            if (ob == nullptr || !TakeFreeSlot(oi, ob)) {
-                UnlockInstance(oi);
-                return KSPL_OM_STATUS(KSPL_OM_CODE_NO_MEMORY);
-            }
-            OM_KSO(oi, KsoZeroMemory, ObUser(ob), UserSize(oi));
-            if (pInitRoutine != nullptr) {
-                KSSTATUS status = pInitRoutine(ObUser(ob), pInitData);
-                if (KS_IS_ERROR(status)) {
-                    DestroyObjectLock(oi, ob);
-                    ReturnFreeSlot(oi, ob);
-                    UnlockInstance(oi);
-                    return status;
-                }
-            }
-            OmListInsertTail(oi, &oi->pHashListArray[CompareIndex], &ob->objectLink);
-            ++oi->statsInUse;
-            --ob->blockStart->freeObjectCount;
-            ObStoreFlags(ob, static_cast<UINT8>((ObFlags(ob) & ~(OBJECT_FREE | OBJECT_READY)) |
-                                                OBJECT_IN_USE));
-            OM_KSO(oi, KsoInterlockedExchange, &ob->instanceCount, 1u);
-        }
-        UnlockInstance(oi);
-        switch (FirstOpenReport(oi, ob, createAccess, openAccess, pOpenedMode)) {
-            case Report::kDone:
-                *ppUserData = ObUser(ob);
-                return 0;
-            case Report::kStoreFreed:
-                return KSPL_OM_STATUS(KSPL_OM_CODE_STORE_FREED);
-            case Report::kRetry:
-                ob = nullptr;  // the lookup is not repeated
-                break;
-        }
-    }
+    auto make = [&](Object** made) -> KSSTATUS {
+        Object* ob = FindFreeSlot(oi);
+        if (ob == nullptr) return KSPL_STATUS_AS(KSPL_OM_FACILITY, KSPL_OM_CODE_NO_MEMORY, kFn);
+        KSSTATUS status = MakeObject(oi, ob, pInitRoutine, pInitData, kFn);
+        if (status != 0) return status;
+        Publish(oi, ob, CompareIndex);
+        *made = ob;
+        return 0;
+    };
+    return CreateOrOpen(oi, instance, found, make, createAccess, openAccess, ppUserData,
+                        pOpenedMode, kFn);
 }
 
 KSSTATUS ObjectCreateByHandle(void* pThis, HANDLE handle, PVOID pInitData,
                               PKSO_OBJECT_INIT_ROUTINE pInitRoutine, UINT32 createAccess,
                               UINT32 openAccess, PVOID* ppUserData, PUINT32 pOpenedMode) {
+    static constexpr char kFn[] = "ObjectCreateByHandle";
     ObjectInfo* oi = OmInfo(pThis);
     if (pOpenedMode != nullptr) *pOpenedMode = 0;
     if (!OiInitialized(oi) || oi->hashSize != 1 || ppUserData == nullptr) {
-        return KSPL_OM_STATUS(KSPL_OM_CODE_INVALID_PARAM);
+        return KSPL_STATUS_AS(KSPL_OM_FACILITY, KSPL_OM_CODE_INVALID_PARAM, kFn);
     }
     *ppUserData = nullptr;
-    UINT32 h = HandleFromPtr(handle);
-    UINT32 indexByte = HandleIndexByte(h);
+    const UINT32 h = HandleFromPtr(handle);
+    const UINT32 indexByte = HandleIndexByte(h);
     if (indexByte == 0 || indexByte > oi->objectsPerBlock) {
-        return KSPL_OM_STATUS(KSPL_OM_CODE_INVALID_HANDLE);
+        return KSPL_STATUS_AS(KSPL_OM_FACILITY, KSPL_OM_CODE_INVALID_HANDLE, kFn);
     }
 
-    LockInstance(oi, kOmAccessExclusive);
-    UINT32 blockId = HandleBlockId(h);
-    BlockHeader* bh = nullptr;
-    PLIST_ENTRY link = oi->blockList.Flink;
-    for (; link != &oi->blockList; link = link->Flink) {
-        BlockHeader* candidate = BlockFromLink(link);
-        if (candidate->blockId == blockId) {
-            bh = candidate;
-            break;
-        }
-        if (candidate->blockId > blockId) break;
-    }
-    if (bh == nullptr) {
-        BlockHeader* before = link != &oi->blockList ? BlockFromLink(link) : nullptr;
-        bh = AllocBlock(oi, static_cast<UINT16>(blockId), before, OBJECT_FREE);
-        if (bh == nullptr) {
-            UnlockInstance(oi);
-            return KSPL_OM_STATUS(KSPL_OM_CODE_NO_MEMORY);
-        }
-    }
-
-    Object* ob = ObSlot(oi, bh, indexByte - 1);
+    Object* ob;
     UINT32 mode;
     UINT32 access;
-    if ((ObFlags(ob) & OBJECT_FREE) == 0) {
-        // A slot whose object is on its way out (no reference left) cannot
-        // be opened: its lock and user area are being given back.
-        if (ObBeingFreed(ob)) {
-            UnlockInstance(oi);
-            return KSPL_OM_STATUS(KSPL_OM_CODE_INVALID_HANDLE);
+    {
+        InstanceGuard instance(oi, kOmAccessExclusive);
+        const UINT32 blockId = HandleBlockId(h);
+        BlockHeader* bh = BlockById(oi, blockId);
+        if (bh == nullptr) {
+            // Linked in front of the first block with a larger id (id 0 is
+            // refused by AllocBlock).
+            bh = AllocBlock(oi, static_cast<UINT16>(blockId), BlockAtOrAfter(oi, blockId),
+                            OBJECT_FREE);
+            if (bh == nullptr) return KSPL_STATUS_AS(KSPL_OM_FACILITY, KSPL_OM_CODE_NO_MEMORY, kFn);
         }
-        AddReference(oi, ob);
-        ObStoreHandle(ob, h);
-        mode = OM_OPENED_EXISTING;
-        access = openAccess;
-    } else {
-        if (!TakeFreeSlot(oi, ob)) {
-            UnlockInstance(oi);
-            return KSPL_OM_STATUS(KSPL_OM_CODE_NO_MEMORY);
-        }
-        OM_KSO(oi, KsoZeroMemory, ObUser(ob), UserSize(oi));
-        if (pInitRoutine != nullptr) {
-            KSSTATUS status = pInitRoutine(ObUser(ob), pInitData);
-            if (KS_IS_ERROR(status)) {
-                DestroyObjectLock(oi, ob);
-                ReturnFreeSlot(oi, ob);
-                UnlockInstance(oi);
-                return status;
+        ob = ObSlot(oi, bh, indexByte - 1);
+        if ((ObFlags(ob) & OBJECT_FREE) == 0) {
+            // A slot whose object is on its way out (no reference left)
+            // cannot be opened: its lock and user area are being given back.
+            if (ObBeingFreed(ob)) {
+                return KSPL_STATUS_AS(KSPL_OM_FACILITY, KSPL_OM_CODE_INVALID_HANDLE, kFn);
             }
+            OmAddReference(oi, ob);
+            mode = OM_OPENED_EXISTING;
+            access = openAccess;
+        } else {
+            KSSTATUS status = MakeObject(oi, ob, pInitRoutine, pInitData, kFn);
+            if (status != 0) return status;
+            Publish(oi, ob, 0);
+            mode = OM_OPENED_CREATED;
+            access = createAccess;
         }
-        OmListInsertTail(oi, &oi->pHashListArray[0], &ob->objectLink);
-        ++oi->statsInUse;
-        --bh->freeObjectCount;
-        ObStoreFlags(ob, static_cast<UINT8>((ObFlags(ob) & ~(OBJECT_FREE | OBJECT_READY)) |
-                                            OBJECT_IN_USE));
-        OM_KSO(oi, KsoInterlockedExchange, &ob->instanceCount, 1u);
         ObStoreHandle(ob, h);
-        mode = OM_OPENED_CREATED;
-        access = createAccess;
     }
-    UnlockInstance(oi);
 
-    if (access != kOmAccessNone) LockObject(oi, ob, access);
+    if (access != kOmAccessNone) LockObject(oi, ob, access);  // the caller's
     // The creator holds its lock before finders stop waiting for readiness.
     if (mode == OM_OPENED_CREATED) ObSetFlags(ob, OBJECT_READY);
     *ppUserData = ObUser(ob);
@@ -296,12 +215,6 @@ KSSTATUS ObjectReferenceByHandle(void* pThis, HANDLE handle, UINT32 accessType,
                                  PVOID* ppUserData) {
     return ReferenceByHandleCore<kOmAccessShared>(OmInfo(pThis), HandleFromPtr(handle), accessType,
                                                   ppUserData);
-}
-
-KSSTATUS ObjectReferenceByHandleExclusive(void* pThis, HANDLE handle, UINT32 accessType,
-                                          PVOID* ppUserData) {
-    return ReferenceByHandleCore<kOmAccessExclusive>(OmInfo(pThis), HandleFromPtr(handle),
-                                                     accessType, ppUserData);
 }
 
 KSSTATUS ObjectReferenceByHandle2(void* pThis, HANDLE handle, UINT32 accessType,
@@ -327,7 +240,7 @@ KSSTATUS ObjectIncrement(void* pThis, PVOID pUserData) {
     if (!OiInitialized(oi) || pUserData == nullptr) {
         return KSPL_OM_STATUS(KSPL_OM_CODE_INVALID_PARAM);
     }
-    AddReference(oi, ObFromUser(pUserData));
+    OmAddReference(oi, ObFromUser(pUserData));
     return 0;
 }
 
@@ -357,55 +270,38 @@ KSSTATUS ObjectEnumerate(void* pThis, PHANDLE pscanHandle, PVOID pCompareData,
         if (blockId == 0) return KSPL_OM_STATUS_NO_MORE_OBJECTS;
     }
 
-    LockInstance(oi, kOmAccessShared);
-    BlockHeader* found = nullptr;
-    UINT32 slot = 0;
-    for (PLIST_ENTRY link = oi->blockList.Flink; link != &oi->blockList && found == nullptr;
-         link = link->Flink) {
-        BlockHeader* bh = BlockFromLink(link);
-        if (bh->blockId < blockId) continue;
-        if (bh->blockId > blockId) {
-            // The cursor's block is gone: continue with the next one.
-            blockId = bh->blockId;
-            index = 0;
-        }
-        for (UINT32 i = index; i < oi->objectsPerBlock; ++i) {
-            Object* ob = ObSlot(oi, bh, i);
-            UINT8 flags = ObFlags(ob);
-            if ((flags & OBJECT_IN_USE) == 0 || (flags & OBJECT_DELETED) != 0 || ObBeingFreed(ob)) {
-                continue;
+    Object* ob = nullptr;
+    {
+        InstanceGuard instance(oi, kOmAccessShared);
+        // The cursor's block, or, when it is gone, the next one from index 0.
+        BlockHeader* bh = BlockAtOrAfter(oi, blockId);
+        if (bh != nullptr && bh->blockId != blockId) index = 0;
+        UINT32 slot = 0;
+        for (; bh != nullptr; bh = NextBlock(oi, bh), index = 0) {
+            slot = ScanBlock(oi, bh, index, pCompareData, pCompareRoutine);
+            if (slot < oi->objectsPerBlock) {
+                ob = ObSlot(oi, bh, slot);
+                break;
             }
-            if (pCompareRoutine != nullptr && pCompareRoutine(ObUser(ob), pCompareData) != 1) {
-                continue;
-            }
-            found = bh;
-            slot = i;
-            break;
         }
-        index = 0;
-    }
-    if (found == nullptr) {
-        UnlockInstance(oi);
-        return KSPL_OM_STATUS_NO_MORE_OBJECTS;
-    }
+        if (ob == nullptr) return KSPL_OM_STATUS_NO_MORE_OBJECTS;
 
-    UINT32 next;
-    if (slot + 1 < oi->objectsPerBlock) {
-        next = MakeHandle(found->blockId, 0, slot + 2);
-    } else if (found->blockLink.Flink != &oi->blockList) {
-        next = MakeHandle(BlockFromLink(found->blockLink.Flink)->blockId, 0, 1);
-    } else {
-        next = MakeHandle(static_cast<UINT16>(found->blockId + 1), 0, 1);
+        UINT32 next;
+        if (slot + 1 < oi->objectsPerBlock) {
+            next = MakeHandle(bh->blockId, 0, slot + 2);
+        } else if (BlockHeader* after = NextBlock(oi, bh); after != nullptr) {
+            next = MakeHandle(after->blockId, 0, 1);
+        } else {
+            next = MakeHandle(static_cast<UINT16>(bh->blockId + 1), 0, 1);
+        }
+        OmAddReference(oi, ob);
+        *pscanHandle = PtrFromHandle(next);
+        *ppUserData = ObUser(ob);
     }
-    Object* ob = ObSlot(oi, found, slot);
-    AddReference(oi, ob);
-    *pscanHandle = PtrFromHandle(next);
-    *ppUserData = ObUser(ob);
-    UnlockInstance(oi);
 
     if (accessType != kOmAccessNone) {
         WaitObjectReady(oi, ob);
-        LockObject(oi, ob, accessType);
+        LockObject(oi, ob, accessType);  // the caller's
     }
     return 0;
 }
@@ -416,81 +312,58 @@ KSSTATUS ObjectFind(void* pThis, PVOID pCompareData, PKSO_OBJECT_COMPARE_ROUTINE
                                      accessType, ppUserData);
 }
 
-KSSTATUS ObjectFindExclusive(void* pThis, PVOID pCompareData,
-                             PKSO_OBJECT_COMPARE_ROUTINE pCompareRoutine, UINT32 CompareIndex,
-                             UINT32 accessType, PVOID* ppUserData) {
-    return FindCore<kOmAccessExclusive>(OmInfo(pThis), pCompareData, pCompareRoutine,
-                                        CompareIndex, accessType, ppUserData);
-}
-
 KSSTATUS ObjectOpen(void* pThis, PVOID pInitData, PKSO_OBJECT_INIT_ROUTINE pInitRoutine,
                     PVOID pCompareData, PKSO_OBJECT_COMPARE_ROUTINE pCompareRoutine,
                     UINT32 CompareIndex, UINT32 allocAccess, UINT32 openAccess,
                     PVOID* ppUserData, PUINT32 pOpenedMode) {
+    static constexpr char kFn[] = "ObjectOpen";
     ObjectInfo* oi = OmInfo(pThis);
     if (!OiInitialized(oi) || ppUserData == nullptr || CompareIndex >= oi->hashSize) {
-        return KSPL_OM_STATUS(KSPL_OM_CODE_INVALID_PARAM);
+        return KSPL_STATUS_AS(KSPL_OM_FACILITY, KSPL_OM_CODE_INVALID_PARAM, kFn);
     }
     *ppUserData = nullptr;
-    LockInstance(oi, kOmAccessExclusive);
-    Object* ob = nullptr;
+    InstanceGuard instance(oi, kOmAccessExclusive);
+    Object* found = nullptr;
     if (pCompareRoutine != nullptr) {
-        ob = LookupChain(oi, CompareIndex, pCompareData, pCompareRoutine);
-        if (ob != nullptr) AddReference(oi, ob);
+        found = LookupChain(oi, CompareIndex, pCompareData, pCompareRoutine);
+        if (found != nullptr) OmAddReference(oi, found);
     }
-    for (;;) {
-        if (ob == nullptr) {
-            // The first preallocated object that no exclusive holder has
-            // marked for deletion while waiting for the instance lock.
-            PLIST_ENTRY link = oi->allocatedList.Flink;
-            while (link != &oi->allocatedList &&
-                   (ObFlags(ObFromLink(link)) & (OBJECT_DELETED | OBJECT_DEALLOCATED)) != 0) {
-                link = link->Flink;
-            }
-            if (link == &oi->allocatedList) {
-                UnlockInstance(oi);
-                return KSPL_OM_STATUS(KSPL_OM_CODE_NO_PREALLOCATED);
-            }
-            ob = ObFromLink(link);
-            OmListRemove(oi, link);
-            if (pInitRoutine != nullptr) {
-                KSSTATUS status = pInitRoutine(ObUser(ob), pInitData);
-                if (KS_IS_ERROR(status)) {
-                    OmListInsertTail(oi, &oi->allocatedList, &ob->objectLink);
-                    UnlockInstance(oi);
-                    return status;
-                }
-            }
-            OmListInsertTail(oi, &oi->pHashListArray[CompareIndex], &ob->objectLink);
-            ++oi->statsInUse;
-            --oi->statsPreallocated;
-            ObStoreFlags(ob, static_cast<UINT8>((ObFlags(ob) & ~(OBJECT_FREE | OBJECT_PREALLOCATED |
-                                                                 OBJECT_READY)) |
-                                                OBJECT_IN_USE));
-            OM_KSO(oi, KsoInterlockedExchange, &ob->instanceCount, 1u);
+    auto make = [&](Object** made) -> KSSTATUS {
+        // The first preallocated object that no exclusive holder has marked
+        // for deletion while waiting for the instance lock.
+        PLIST_ENTRY link = oi->allocatedList.Flink;
+        while (link != &oi->allocatedList &&
+               (ObFlags(ObFromLink(link)) & (OBJECT_DELETED | OBJECT_DEALLOCATED)) != 0) {
+            link = link->Flink;
         }
-        UnlockInstance(oi);
-        switch (FirstOpenReport(oi, ob, allocAccess, openAccess, pOpenedMode)) {
-            case Report::kDone:
-                *ppUserData = ObUser(ob);
-                return 0;
-            case Report::kStoreFreed:
-                return KSPL_OM_STATUS(KSPL_OM_CODE_STORE_FREED);
-            case Report::kRetry:
-                ob = nullptr;
-                break;
+        if (link == &oi->allocatedList) {
+            return KSPL_STATUS_AS(KSPL_OM_FACILITY, KSPL_OM_CODE_NO_PREALLOCATED, kFn);
         }
-    }
+        Object* ob = ObFromLink(link);
+        KS_DCHECK((ObFlags(ob) & OBJECT_PREALLOCATED) != 0);
+        OmListRemove(oi, link);
+        if (pInitRoutine != nullptr) {
+            KSSTATUS status = pInitRoutine(ObUser(ob), pInitData);
+            if (KS_IS_ERROR(status)) {
+                OmListInsertSlot(oi, &oi->allocatedList, &ob->objectLink);
+                return status;
+            }
+        }
+        Publish(oi, ob, CompareIndex);
+        *made = ob;
+        return 0;
+    };
+    return CreateOrOpen(oi, instance, found, make, allocAccess, openAccess, ppUserData, pOpenedMode,
+                        kFn);
 }
 
 KSSTATUS ObjectGetStats(void* pThis, PUINT32 pObjectsAllocated, PUINT32 pObjectsInUse,
                         PUINT32 pObjectsPreallocated) {
     ObjectInfo* oi = OmInfo(pThis);
     if (!OiInitialized(oi)) return KSPL_OM_STATUS(KSPL_OM_CODE_INVALID_PARAM);
-    LockInstance(oi, kOmAccessShared);
+    InstanceGuard instance(oi, kOmAccessShared);
     if (pObjectsAllocated != nullptr) *pObjectsAllocated = oi->statsAllocated;
     if (pObjectsInUse != nullptr) *pObjectsInUse = oi->statsInUse;
     if (pObjectsPreallocated != nullptr) *pObjectsPreallocated = oi->statsPreallocated;
-    UnlockInstance(oi);
     return 0;
 }
