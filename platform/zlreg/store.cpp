@@ -606,6 +606,19 @@ KSSTATUS ZLRegSetDatabasePath(const char* pPath) {
     return 0;
 }
 
+KSSTATUS ZLRegGetChangeCounter(UINT64* pCounter) {
+    if (pCounter == nullptr) ZLREG_RETURN(ZLREG_ERR(ZLREG_E_INVALID_ARG));
+    Conn* c = nullptr;
+    if (Err e = GetConn(&c)) ZLREG_RETURN(e);
+    // SQLite's data_version: per connection, it moves when another
+    // connection commits. Not a prepared statement of the table: it is
+    // polled rarely and must see the current state, never a cached one.
+    int version = 0;
+    if (Err e = ReadInt(*c, "PRAGMA data_version", &version)) ZLREG_RETURN(e);
+    *pCounter = static_cast<UINT32>(version);
+    return 0;
+}
+
 KSSTATUS ZLRegGetDatabasePath(char* pPath, UINT32 cbPath, UINT32* pcbNeeded) {
     uint64_t pathGen = 0;
     std::string path = CurrentPath(&pathGen);

@@ -183,6 +183,12 @@ ZLREG_API KSSTATUS ZLRegBeginTransaction(BOOLEAN bWrite);
 ZLREG_API KSSTATUS ZLRegCommitTransaction(void);
 ZLREG_API KSSTATUS ZLRegRollbackTransaction(void);
 
+/* A number that changes whenever another connection (any other thread or
+ * process) has committed a write since the last call on this thread; the
+ * thread's own writes do not change it. Lets a tool poll for changes
+ * without reading the store. */
+ZLREG_API KSSTATUS ZLRegGetChangeCounter(UINT64* pCounter);
+
 /* Uses the database file pPath from now on (null: the environment variable
  * or the default again, read anew). Every open handle becomes invalid; each
  * thread reopens on its next operation. Meant for tools and tests. */
