@@ -785,8 +785,11 @@ std::string Diff(const std::string& topA, const Snapshot& a, const std::string& 
         for (const auto& [vn, vb] : kb.values)
             if (ka.values.find(vn) == ka.values.end()) out += valueLine("+ ", topB, kb, vb);
     }
-    for (const auto& [fold, kb] : b)
-        if (a.find(fold) == a.end()) out += keyLine("+ ", topB, kb);
+    for (const auto& [fold, kb] : b) {
+        if (a.find(fold) != a.end()) continue;
+        out += keyLine("+ ", topB, kb);
+        for (const auto& [vn, vb] : kb.values) out += valueLine("+ ", topB, kb, vb);
+    }
     return out;
 }
 

@@ -97,9 +97,9 @@ public:
 
     bool Run() {
         out_->clear();
-        for (char16_t u : t_) {
-            if (u == kBom) return Fail(LineOf(&u - t_.data()), "byte-order mark inside the file");
-            if (u == 0) return Fail(LineOf(&u - t_.data()), "NUL character in the file");
+        for (size_t i = 0; i < t_.size(); ++i) {
+            if (t_[i] == kBom) return Fail(LineOf(i), "byte-order mark inside the file");
+            if (t_[i] == 0) return Fail(LineOf(i), "NUL character in the file");
         }
         // The header is the first line.
         Units first = RestOfLine();
