@@ -154,3 +154,71 @@ TEST_F(ZlregTest, UnusableDatabasePathsAreRefused) {
 }
 
 }  // namespace
+
+namespace {
+
+// Big-endian 32-bit field of the database header: user_version at 60,
+// application_id at 68.
+uint32_t HeaderField(const std::string& db, long offset) {
+    std::ifstream f(db, std::ios::binary);
+    unsigned char b[4] = {};
+    f.seekg(offset);
+    f.read(reinterpret_cast<char*>(b), 4);
+    return uint32_t(b[0]) << 24 | uint32_t(b[1]) << 16 | uint32_t(b[2]) << 8 | b[3];
+}
+void SetHeaderField(const std::string& db, long offset, uint32_t v) {
+    std::fstream f(db, std::ios::binary | std::ios::in | std::ios::out);
+    const char b[4] = {char(v >> 24), char(v >> 16), char(v >> 8), char(v)};
+    f.seekp(offset);
+    f.write(b, 4);
+}
+
+// The store marks its databases and refuses files it did not make: another
+// application's database (marked or not) is left untouched, a newer schema
+// has its own status, and an unmarked store of the first version is adopted.
+TEST_F(ZlregTest, DatabaseMarksDecideOwnership) {
+    const std::string db = dir_ + "/marked.db";
+    const uint32_t kOurs = 0x5A4C5247;
+    HANDLE h = nullptr;
+    auto makeStore = [&] {
+        ASSERT_EQ(ZLRegSetDatabasePath(db.c_str()), 0u);
+        ASSERT_EQ(Create(kMachine, "Software\\Marked", &h), 0u);
+        ASSERT_EQ(ZLRegSetValueExA(h, "v", 0, ZLREG_BINARY, "x", 1), 0u);
+        EXPECT_EQ(ZLRegCloseKey(h), 0u);
+        ASSERT_EQ(ZLRegSetDatabasePath(path_.c_str()), 0u);  // last connection closed: no WAL left
+        EXPECT_EQ(HeaderField(db, 68), kOurs);
+        EXPECT_EQ(HeaderField(db, 60), 1u);
+    };
+    const struct {
+        uint32_t appId, version;
+        KSSTATUS status;
+    } rows[] = {
+        {0x12345678, 1, Z(ZLREG_E_STORE_CORRUPT)},
+        {0, 0, Z(ZLREG_E_STORE_CORRUPT)},  // unmarked, with tables: not ours
+        {0, 7, Z(ZLREG_E_STORE_CORRUPT)},
+        {kOurs, 2, Z(ZLREG_E_STORE_VERSION)},
+        {0, 1, 0},  // the first version's unmarked store: adopted
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.appId);
+        SCOPED_TRACE(row.version);
+        std::remove(db.c_str());
+        makeStore();
+        SetHeaderField(db, 68, row.appId);
+        SetHeaderField(db, 60, row.version);
+        ASSERT_EQ(ZLRegSetDatabasePath(db.c_str()), 0u);
+        StatusCapture cap;
+        EXPECT_EQ(ZLRegOpenKeyExA(kMachine, "Software\\Marked", 0, ZLREG_ACCESS_READ, &h), row.status);
+        if (row.status == 0) {
+            EXPECT_EQ(Query(h, "v"), "x");
+            EXPECT_EQ(ZLRegCloseKey(h), 0u);
+        } else {
+            EXPECT_TRUE(cap.WasBuilt(row.status, "ZLRegOpenKeyExA"));
+        }
+        ASSERT_EQ(ZLRegSetDatabasePath(path_.c_str()), 0u);
+        EXPECT_EQ(HeaderField(db, 68), row.status == 0 ? kOurs : row.appId) << "marks changed";
+        EXPECT_EQ(HeaderField(db, 60), row.version);
+    }
+}
+
+}  // namespace

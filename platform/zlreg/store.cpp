@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "zlreg_internal.h"
 
@@ -24,7 +25,10 @@ namespace {
 
 constexpr char kUnit[] = "store";
 constexpr int kBusyTimeoutMs = 60000;
+// The marks in the database header: application_id says the file is a
+// store ("ZLRG"), user_version which schema it has.
 constexpr int kSchemaVersion = 1;
+constexpr int kApplicationId = 0x5A4C5247;
 
 pthread_mutex_t g_configMutex = PTHREAD_MUTEX_INITIALIZER;
 // Serialises the check and creation of the database file among the
@@ -50,6 +54,19 @@ std::atomic<Abandoned*> g_abandoned{nullptr};
 
 pthread_once_t g_forkOnce = PTHREAD_ONCE_INIT;
 
+// Holds a mutex for a scope. The fork handlers are the one place that locks
+// by hand: they lock in one handler and unlock in another.
+class MutexGuard {
+public:
+    explicit MutexGuard(pthread_mutex_t& m) : m_(m) { pthread_mutex_lock(&m_); }
+    ~MutexGuard() { pthread_mutex_unlock(&m_); }
+    MutexGuard(const MutexGuard&) = delete;
+    MutexGuard& operator=(const MutexGuard&) = delete;
+
+private:
+    pthread_mutex_t& m_;
+};
+
 void PrepareFork() {
     pthread_mutex_lock(&g_configMutex);
     LockHandlesForFork();
@@ -65,7 +82,7 @@ void ChildAfterFork() {
 }
 void InstallForkHandlers() { pthread_atfork(PrepareFork, ParentAfterFork, ChildAfterFork); }
 
-const char* kSql[kStmtCount] = {
+const char* const kSql[] = {
     /* kFindChild */ "SELECT id FROM keys WHERE parent=?1 AND folded=?2",
     /* kKeyExists */ "SELECT 1 FROM keys WHERE id=?1",
     /* kInsertKey */ "INSERT INTO keys(parent,name,folded,mtime) VALUES(?1,?2,?3,?4)",
@@ -95,6 +112,7 @@ const char* kSql[kStmtCount] = {
     /* kEnumValueAfter */
     "SELECT name,type,data,folded FROM vals WHERE key=?1 AND folded>?2 ORDER BY folded LIMIT 1",
 };
+static_assert(sizeof kSql / sizeof kSql[0] == kStmtCount, "one statement per Stmt");
 
 // The root row is its own parent, so no parent is ever NULL under the
 // UNIQUE index; the predefined roots are its children. AUTOINCREMENT keeps
@@ -149,15 +167,13 @@ std::string DefaultPath() {
 }
 
 std::string CurrentPath(uint64_t* pathGen) {
-    pthread_mutex_lock(&g_configMutex);
+    MutexGuard guard(g_configMutex);
     if (!g_pathResolved) {
         g_path = DefaultPath();
         g_pathResolved = true;
     }
-    std::string path = g_path;
     *pathGen = g_pathGen.load();
-    pthread_mutex_unlock(&g_configMutex);
-    return path;
+    return g_path;
 }
 
 void LogStoreProblem(const std::string& path, const char* what, const char* detail) {
@@ -195,13 +211,13 @@ Err Exec(Conn& c, const char* sql) {
     return {};
 }
 
-Err ReadUserVersion(Conn& c, int* version) {
+Err ReadInt(Conn& c, const char* sql, int* out) {
     sqlite3_stmt* s = nullptr;
-    int rc = sqlite3_prepare_v2(c.db, "PRAGMA user_version", -1, &s, nullptr);
+    int rc = sqlite3_prepare_v2(c.db, sql, -1, &s, nullptr);
     if (rc != SQLITE_OK) return ZLREG_SQLERR(c, rc);
     rc = sqlite3_step(s);
     if (rc == SQLITE_ROW) {
-        *version = sqlite3_column_int(s, 0);
+        *out = sqlite3_column_int(s, 0);
         sqlite3_finalize(s);
         return {};
     }
@@ -209,27 +225,80 @@ Err ReadUserVersion(Conn& c, int* version) {
     return ZLREG_SQLERR(c, rc == SQLITE_DONE ? SQLITE_CORRUPT : rc);
 }
 
-Err CreateSchema(Conn& c) {
-    // WAL is a property of the file: set once, before the first table.
-    sqlite3_stmt* s = nullptr;
-    int rc = sqlite3_prepare_v2(c.db, "PRAGMA journal_mode=WAL", -1, &s, nullptr);
-    if (rc != SQLITE_OK) return ZLREG_SQLERR(c, rc);
-    rc = sqlite3_step(s);
-    bool wal = rc == SQLITE_ROW &&
-               sqlite3_stricmp(reinterpret_cast<const char*>(sqlite3_column_text(s, 0)), "wal") == 0;
-    sqlite3_finalize(s);
-    if (rc != SQLITE_ROW) return ZLREG_SQLERR(c, rc);
-    if (!wal) {
-        LogStoreProblem(c.path, "cannot switch to WAL mode", sqlite3_errmsg(c.db));
-        return ZLREG_ERR(ZLREG_E_STORE);
+// What a database file is to this store, from its header marks and tables.
+enum class Owner {
+    kOurs,    // marked as ours, current schema
+    kEmpty,   // no tables and no marks: the schema may be created
+    kLegacy,  // our tables from before the marks existed: adopted
+};
+
+// Decides whether the store may use the database; a file that belongs to
+// someone else is refused and never changed. A database written by a newer
+// library is refused with its own status, so that an old tool does not
+// damage it.
+Err ExamineDatabase(Conn& c, Owner* owner) {
+    int appId = 0;
+    int version = 0;
+    int objects = 0;
+    if (Err e = ReadInt(c, "PRAGMA application_id", &appId)) return e;
+    if (Err e = ReadInt(c, "PRAGMA user_version", &version)) return e;
+    if (Err e = ReadInt(c, "SELECT count(*) FROM sqlite_master", &objects)) return e;
+    if (appId == kApplicationId) {
+        if (version == kSchemaVersion) return (*owner = Owner::kOurs), Err{};
+        if (version > kSchemaVersion) {
+            LogStoreProblem(c.path, "refused: written by a newer version of the store",
+                            ("schema version " + std::to_string(version)).c_str());
+            return ZLREG_ERR(ZLREG_E_STORE_VERSION);
+        }
+        if (version == 0 && objects == 0) return (*owner = Owner::kEmpty), Err{};
+    } else if (appId == 0 && version == 0 && objects == 0) {
+        return (*owner = Owner::kEmpty), Err{};
+    } else if (appId == 0 && version == kSchemaVersion) {
+        // Exactly the unmarked schema of the first version: keys, vals,
+        // their index and SQLite's AUTOINCREMENT bookkeeping.
+        int ours = 0;
+        if (Err e = ReadInt(c,
+                            "SELECT count(*) FROM sqlite_master WHERE name IN "
+                            "('keys','vals','keys_by_parent','sqlite_sequence')",
+                            &ours))
+            return e;
+        if (ours == 4 && objects == 4) return (*owner = Owner::kLegacy), Err{};
+    }
+    char detail[64];
+    std::snprintf(detail, sizeof detail, "application_id %d, user_version %d, %d objects", appId,
+                  version, objects);
+    LogStoreProblem(c.path, "refused: not empty and not a database of this store", detail);
+    return ZLREG_ERR(ZLREG_E_STORE_CORRUPT);
+}
+
+const char kMarks[] = "PRAGMA application_id=1514951239; PRAGMA user_version=1";
+static_assert(kApplicationId == 1514951239 && kSchemaVersion == 1, "kMarks spells both marks");
+
+// Creates the schema in an empty database, or marks a legacy one. The file
+// is examined again under the write lock: another process may have done it
+// meanwhile.
+Err Initialise(Conn& c, Owner seen) {
+    if (seen == Owner::kEmpty) {
+        // WAL is a property of the file: set once, before the first table.
+        sqlite3_stmt* s = nullptr;
+        int rc = sqlite3_prepare_v2(c.db, "PRAGMA journal_mode=WAL", -1, &s, nullptr);
+        if (rc != SQLITE_OK) return ZLREG_SQLERR(c, rc);
+        rc = sqlite3_step(s);
+        bool wal = rc == SQLITE_ROW && sqlite3_stricmp(reinterpret_cast<const char*>(
+                                                           sqlite3_column_text(s, 0)),
+                                                       "wal") == 0;
+        sqlite3_finalize(s);
+        if (rc != SQLITE_ROW) return ZLREG_SQLERR(c, rc);
+        if (!wal) {
+            LogStoreProblem(c.path, "cannot switch to WAL mode", sqlite3_errmsg(c.db));
+            return ZLREG_ERR(ZLREG_E_STORE);
+        }
     }
     if (Err e = Exec(c, "BEGIN IMMEDIATE")) return e;
-    int version = 0;
-    Err e = ReadUserVersion(c, &version);
-    if (!e && version == 0) {
-        e = Exec(c, kSchema);
-        if (!e) e = Exec(c, "PRAGMA user_version=1");
-    }
+    Owner now = Owner::kOurs;
+    Err e = ExamineDatabase(c, &now);
+    if (!e && now == Owner::kEmpty) e = Exec(c, kSchema);
+    if (!e && now != Owner::kOurs) e = Exec(c, kMarks);
     if (e) {
         sqlite3_exec(c.db, "ROLLBACK", nullptr, nullptr, nullptr);
         return e;
@@ -250,10 +319,7 @@ Err CreateSchema(Conn& c) {
 // because the file is new: g_createMutex keeps the process's other threads
 // from looking at the path, and so from opening the file, until it is closed.
 Err PrepareFile(const std::string& path) {
-    struct MutexGuard {
-        MutexGuard() { pthread_mutex_lock(&g_createMutex); }
-        ~MutexGuard() { pthread_mutex_unlock(&g_createMutex); }
-    } guard;
+    MutexGuard guard(g_createMutex);
     struct stat st;
     if (lstat(path.c_str(), &st) != 0) {
         if (errno != ENOENT) {
@@ -312,14 +378,9 @@ Err OpenConn(Conn& c) {
     sqlite3_extended_result_codes(c.db, 1);
     sqlite3_busy_timeout(c.db, kBusyTimeoutMs);
     Err e = Exec(c, "PRAGMA foreign_keys=ON; PRAGMA synchronous=FULL");
-    int version = 0;
-    if (!e) e = ReadUserVersion(c, &version);
-    if (!e && version == 0) {
-        e = CreateSchema(c);
-    } else if (!e && version != kSchemaVersion) {
-        LogStoreProblem(c.path, "unknown schema version", "not a database of this store");
-        e = ZLREG_ERR(ZLREG_E_STORE_CORRUPT);
-    }
+    Owner owner = Owner::kOurs;
+    if (!e) e = ExamineDatabase(c, &owner);
+    if (!e && owner != Owner::kOurs) e = Initialise(c, owner);
     if (e) {
         CloseConn(c);
         return e;
@@ -618,18 +679,32 @@ KSSTATUS ZLRegRollbackTransaction(void) {
 
 KSSTATUS ZLRegSetDatabasePath(const char* pPath) {
     EnsureForkHandlers();
-    pthread_mutex_lock(&g_configMutex);
-    if (pPath != nullptr) {
-        g_path = pPath;
-        g_pathResolved = true;
-    } else {
-        g_pathResolved = false;
-        g_path.clear();
+    {
+        MutexGuard guard(g_configMutex);
+        if (pPath != nullptr) {
+            g_path = pPath;
+            g_pathResolved = true;
+        } else {
+            g_pathResolved = false;
+            g_path.clear();
+        }
+        g_pathGen.fetch_add(1);
     }
-    g_pathGen.fetch_add(1);
-    pthread_mutex_unlock(&g_configMutex);
     HandleInvalidateAll();
     CloseThreadConn();
+    return 0;
+}
+
+KSSTATUS ZLRegGetChangeCounter(UINT64* pCounter) {
+    if (pCounter == nullptr) ZLREG_RETURN(ZLREG_ERR(ZLREG_E_INVALID_ARG));
+    Conn* c = nullptr;
+    if (Err e = GetConn(&c)) ZLREG_RETURN(e);
+    // SQLite's data_version: per connection, it moves when another
+    // connection commits. Not a prepared statement of the table: it is
+    // polled rarely and must see the current state, never a cached one.
+    int version = 0;
+    if (Err e = ReadInt(*c, "PRAGMA data_version", &version)) ZLREG_RETURN(e);
+    *pCounter = static_cast<UINT32>(version);
     return 0;
 }
 

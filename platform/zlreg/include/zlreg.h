@@ -83,6 +83,7 @@ KS_EXTERN_C_BEGIN
 #define ZLREG_E_TRANSACTION 15u     /* transaction calls out of order */
 #define ZLREG_E_STORE_UNSAFE 16u    /* the database path is a directory, or a symbolic link
                                        owned by another user: refused */
+#define ZLREG_E_STORE_VERSION 17u   /* the database was written by a newer version of the store */
 
 #define ZLREG_STATUS(code) KS_MAKE_STATUS(3u, ZLREG_FACILITY, (code))
 #define ZLREG_STATUS_NO_MORE_ITEMS ZLREG_STATUS(ZLREG_E_NO_MORE_ITEMS)
@@ -91,7 +92,8 @@ KS_EXTERN_C_BEGIN
     (KS_STATUS_FACILITY(s) == ZLREG_FACILITY &&                                     \
      (KS_STATUS_CODE(s) == ZLREG_E_STORE || KS_STATUS_CODE(s) == ZLREG_E_NO_MEMORY || \
       KS_STATUS_CODE(s) == ZLREG_E_STORE_BUSY || KS_STATUS_CODE(s) == ZLREG_E_STORE_CORRUPT || \
-      KS_STATUS_CODE(s) == ZLREG_E_STORE_PERMISSION || KS_STATUS_CODE(s) == ZLREG_E_STORE_UNSAFE))
+      KS_STATUS_CODE(s) == ZLREG_E_STORE_PERMISSION || KS_STATUS_CODE(s) == ZLREG_E_STORE_UNSAFE || \
+      KS_STATUS_CODE(s) == ZLREG_E_STORE_VERSION))
 
 /* Predefined roots. */
 #define ZLREG_HKEY_CLASSES_ROOT ((HANDLE)(uintptr_t)0x80000000u)
@@ -180,6 +182,12 @@ ZLREG_API KSSTATUS ZLRegSetValueExA(HANDLE hKey, const char* pValueName, UINT32 
 ZLREG_API KSSTATUS ZLRegBeginTransaction(BOOLEAN bWrite);
 ZLREG_API KSSTATUS ZLRegCommitTransaction(void);
 ZLREG_API KSSTATUS ZLRegRollbackTransaction(void);
+
+/* A number that changes whenever another connection (any other thread or
+ * process) has committed a write since the last call on this thread; the
+ * thread's own writes do not change it. Lets a tool poll for changes
+ * without reading the store. */
+ZLREG_API KSSTATUS ZLRegGetChangeCounter(UINT64* pCounter);
 
 /* Uses the database file pPath from now on (null: the environment variable
  * or the default again, read anew). Every open handle becomes invalid; each
