@@ -20,9 +20,8 @@ struct Meaning {
 // Each text begins with the facility's name, so that a line that shows only
 // the text still says which layer failed.
 constexpr Meaning kPlatform[] = {
-    {1, "platform services: an operating-system or runtime facility failed (initialisation, "
-        "conversion, a lock, event or thread could not be made, or a multiple wait with no "
-        "time that was not satisfied)"},
+    {1, "platform services: a system or runtime facility failed (or a multiple wait with a "
+        "zero time-out found no event set)"},
     {2, "platform services: interface or class not supported"},
     {3, "platform services: invalid handle (null, or a record of another kind)"},
     {4, "platform services: invalid parameter (null pointer, invalid instance, value out of "
