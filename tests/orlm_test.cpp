@@ -193,19 +193,20 @@ TEST(Recorder, KeepsTheLatestStatusesNewestLastWithinTheCallersBuffer) {
 // readers copy it: every record a reader gets is whole (its fields belong to
 // one status) and the records come out in sequence order.
 TEST(Recorder, RecordsFromManyThreadsAreNeverTorn) {
-    constexpr int kWriters = 6;
-    constexpr int kPerWriter = 4000;
-    static const char* const kNames[kWriters] = {"w0", "w1", "w2", "w3", "w4", "w5"};
+    constexpr int kWriters = 3;
+    constexpr int kPasses = 1500;
+    static const char* const kNames[kWriters] = {"w0", "w1", "w2"};
     std::atomic<bool> done{false};
     std::atomic<long> checked{0};
-    std::atomic<int> readersRunning{0};
+    std::atomic<int> writersRunning{0};
     auto reader = [&] {
-        std::vector<ORLM_STATUS_RECORD> records(64);
-        readersRunning.fetch_add(1);
-        for (bool last = false; !last;) {
-            last = done.load();
+        // The whole ring: its oldest slots are the next ones written, so
+        // reads and writes of one slot meet often.
+        std::vector<ORLM_STATUS_RECORD> records(ORLM_RECORDER_CAPACITY);
+        while (writersRunning.load() < kWriters) std::this_thread::yield();
+        for (int pass = 0; pass < kPasses; ++pass) {
             UINT32 count = 0;
-            OrlmGetRecentStatuses(records.data(), 64, &count);
+            OrlmGetRecentStatuses(records.data(), ORLM_RECORDER_CAPACITY, &count);
             for (UINT32 i = 0; i < count; ++i) {
                 const ORLM_STATUS_RECORD& r = records[i];
                 if (i > 0) {
@@ -217,27 +218,29 @@ TEST(Recorder, RecordsFromManyThreadsAreNeverTorn) {
                 ASSERT_EQ(r.Status, KS_MAKE_STATUS(3, KSPL_FACILITY, 0x100 + w));
                 ASSERT_STREQ(r.Unit, kNames[w]);
                 ASSERT_EQ(std::atoi(r.Function + 12), r.Line) << "line and function of one record";
-                checked.fetch_add(1);
+                checked.fetch_add(1, std::memory_order_relaxed);
             }
         }
     };
-    std::thread readers[2] = {std::thread(reader), std::thread(reader)};
     std::vector<std::thread> writers;
     for (int w = 0; w < kWriters; ++w) {
-        writers.emplace_back([w, &readersRunning] {
-            while (readersRunning.load() < 2) std::this_thread::yield();
+        writers.emplace_back([w, &done, &writersRunning] {
+            writersRunning.fetch_add(1);
             char function[32];
-            for (int i = 0; i < kPerWriter; ++i) {
+            for (int i = 0; !done.load(std::memory_order_relaxed); i = (i + 1) % 100000) {
                 std::snprintf(function, sizeof(function), "torn-test-%d-%d", w, i);
                 Build(0x100 + w, kNames[w], i, function);
             }
         });
     }
-    for (auto& t : writers) t.join();
-    done = true;
+    std::thread readers[2] = {std::thread(reader), std::thread(reader)};
     for (auto& t : readers) t.join();
+    done = true;
+    for (auto& t : writers) t.join();
     EXPECT_GT(checked.load(), 0);
-    // At the end the ring holds the last records whole.
+    // A slot given up in the race holds an older record, left out of reads.
+    // Once nobody writes, a full ring of fresh records reads back whole.
+    for (UINT32 i = 0; i < ORLM_RECORDER_CAPACITY; ++i) Build(4, "refill", 1, "Refill");
     EXPECT_EQ(Recent().size(), ORLM_RECORDER_CAPACITY);
 }
 
