@@ -31,13 +31,19 @@ namespace {
 
 constexpr char kUnit[] = "orlm";
 constexpr UINT32 kCapacity = ORLM_RECORDER_CAPACITY;
-constexpr size_t kWords = sizeof(ORLM_STATUS_RECORD) / sizeof(UINT32);
+// Payload words are pointer-sized: a plain store on both targets.
+using Word = uintptr_t;
+constexpr size_t kWordSize = sizeof(Word);
+constexpr size_t kWords = sizeof(ORLM_STATUS_RECORD) / kWordSize;
+constexpr size_t kHeaderBytes = offsetof(ORLM_STATUS_RECORD, Unit);
 static_assert((kCapacity & (kCapacity - 1)) == 0, "ring capacity is a power of two");
-static_assert(sizeof(ORLM_STATUS_RECORD) % sizeof(UINT32) == 0);
+static_assert(sizeof(ORLM_STATUS_RECORD) % kWordSize == 0 && kHeaderBytes % kWordSize == 0);
+static_assert(ORLM_RECORD_UNIT_SIZE % kWordSize == 0 && ORLM_RECORD_FUNCTION_SIZE % kWordSize == 0 &&
+              ORLM_RECORD_TEXT_SIZE % kWordSize == 0);
 
 struct alignas(64) Slot {
     std::atomic<UINT64> stamp{0};
-    std::atomic<UINT32> words[kWords];
+    std::atomic<Word> words[kWords];
 };
 
 Slot g_ring[kCapacity];
@@ -90,9 +96,12 @@ INT64 NowNs(clockid_t clock) {
     return static_cast<INT64>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
 }
 
+// gettid is a system call; each thread asks once. Initial-exec: the runtime
+// is loaded with the process (hosts link it), and the cached id is then a
+// plain load.
+__thread UINT32 t_tid __attribute__((tls_model("initial-exec"))) = 0;
+
 UINT32 ThreadId() {
-    // gettid is a system call; each thread asks once.
-    static thread_local UINT32 t_tid = 0;
     if (t_tid == 0) t_tid = static_cast<UINT32>(gettid());
     return t_tid;
 }
@@ -158,7 +167,11 @@ bool SiteMayForward(const char* file, int line, INT64 now, UINT32* pSuppressed) 
     INT64 next = site.nextNs.load(std::memory_order_relaxed);
     if (now < next || !site.nextNs.compare_exchange_strong(next, now + kSiteIntervalNs,
                                                            std::memory_order_relaxed)) {
-        site.suppressed.fetch_add(1, std::memory_order_relaxed);
+        // Load and store rather than a locked add: a count lost to a race
+        // between two threads of one site is an acceptable price for a
+        // suppressed status costing no more than a recorded one.
+        site.suppressed.store(site.suppressed.load(std::memory_order_relaxed) + 1,
+                              std::memory_order_relaxed);
         return false;
     }
     *pSuppressed = site.suppressed.exchange(0, std::memory_order_relaxed);
@@ -167,14 +180,44 @@ bool SiteMayForward(const char* file, int line, INT64 now, UINT32* pSuppressed) 
 
 // ---- writing ---------------------------------------------------------------
 
-void CopyName(char* dst, size_t size, const char* src) {
-    if (src == nullptr) return;  // the record is zero-filled
-    size_t n = strnlen(src, size - 1);
-    std::memcpy(dst, src, n);
-    dst[n] = '\0';
+// Only the words of a string field up to its terminator are stored: a
+// status costs a few words, not the whole record. The bytes after the
+// terminator, up to the end of its word, are zeroed here; readers zero the
+// rest of the field (it may hold an older record's bytes).
+struct Used {
+    size_t unit, function, text;
+};
+
+size_t TerminateAt(char* field, size_t n) {
+    size_t used = (n + kWordSize) & ~(kWordSize - 1);  // n + 1 rounded up to a word
+    for (size_t i = n; i < used; ++i) field[i] = '\0';
+    return used;
 }
 
-void Publish(ORLM_STATUS_RECORD* pRecord) {
+// Names are short: a byte loop beats calls to strnlen and memcpy.
+size_t CopyName(char* dst, size_t size, const char* src) {
+    size_t n = 0;
+    if (src != nullptr) {
+        for (; n + 1 < size && src[n] != '\0'; ++n) dst[n] = src[n];
+    }
+    return TerminateAt(dst, n);
+}
+
+void ClearTail(char* field, size_t size) {
+    size_t n = strnlen(field, size - 1);
+    std::memset(field + n, 0, size - n);
+}
+
+void StoreWords(Slot& slot, const ORLM_STATUS_RECORD& r, size_t offset, size_t bytes) {
+    const char* base = reinterpret_cast<const char*>(&r);
+    for (size_t i = offset / kWordSize; i < (offset + bytes) / kWordSize; ++i) {
+        Word w;
+        std::memcpy(&w, base + i * kWordSize, kWordSize);
+        slot.words[i].store(w, std::memory_order_relaxed);
+    }
+}
+
+void Publish(ORLM_STATUS_RECORD* pRecord, const Used& used) {
     UINT64 ticket = g_nextTicket.fetch_add(1, std::memory_order_relaxed);
     pRecord->Sequence = ticket + 1;
     Slot& slot = g_ring[ticket & (kCapacity - 1)];
@@ -188,9 +231,10 @@ void Publish(ORLM_STATUS_RECORD* pRecord) {
     } while (!slot.stamp.compare_exchange_weak(stamp, writing, std::memory_order_relaxed));
     // The odd stamp must be visible before any payload word changes.
     std::atomic_thread_fence(std::memory_order_release);
-    UINT32 words[kWords];
-    std::memcpy(words, pRecord, sizeof(words));
-    for (size_t i = 0; i < kWords; ++i) slot.words[i].store(words[i], std::memory_order_relaxed);
+    StoreWords(slot, *pRecord, 0, kHeaderBytes);
+    StoreWords(slot, *pRecord, offsetof(ORLM_STATUS_RECORD, Unit), used.unit);
+    StoreWords(slot, *pRecord, offsetof(ORLM_STATUS_RECORD, Function), used.function);
+    StoreWords(slot, *pRecord, offsetof(ORLM_STATUS_RECORD, Text), used.text);
     slot.stamp.store(writing + 1, std::memory_order_release);
 }
 
@@ -200,11 +244,14 @@ bool ReadTicket(UINT64 ticket, ORLM_STATUS_RECORD* pOut) {
     const Slot& slot = g_ring[ticket & (kCapacity - 1)];
     UINT64 complete = 2 * ticket + 2;
     if (slot.stamp.load(std::memory_order_acquire) != complete) return false;
-    UINT32 words[kWords];
+    Word words[kWords];
     for (size_t i = 0; i < kWords; ++i) words[i] = slot.words[i].load(std::memory_order_relaxed);
     std::atomic_thread_fence(std::memory_order_acquire);
     if (slot.stamp.load(std::memory_order_relaxed) != complete) return false;
     std::memcpy(pOut, words, sizeof(words));
+    ClearTail(pOut->Unit, sizeof(pOut->Unit));
+    ClearTail(pOut->Function, sizeof(pOut->Function));
+    ClearTail(pOut->Text, sizeof(pOut->Text));
     return true;
 }
 
@@ -236,7 +283,7 @@ void Forward(const ORLM_STATUS_RECORD& r, const char* siteFile, bool toSyslog) {
         return;
     }
     if (!toSyslog) return;
-    INT64 now = NowNs(CLOCK_MONOTONIC_COARSE);
+    INT64 now = static_cast<INT64>(r.MonotonicNs);
     UINT32 suppressed = 0;
     if (!SiteMayForward(siteFile, r.Line, now, &suppressed)) return;
     if (!SystemLogListening(now)) return;
@@ -254,15 +301,22 @@ void Forward(const ORLM_STATUS_RECORD& r, const char* siteFile, bool toSyslog) {
     }
 }
 
-void FillRecord(ORLM_STATUS_RECORD* r, KSSTATUS status, int priority, const char* unit, int line,
+// Fills everything but Sequence (Publish's) and Text (the caller's).
+// The coarse clock: a precise one costs more than the rest of the record on
+// some virtual machines; the order of records is their sequence.
+Used FillRecord(ORLM_STATUS_RECORD* r, KSSTATUS status, int priority, const char* unit, int line,
                 const char* function) {
-    r->MonotonicNs = static_cast<UINT64>(NowNs(CLOCK_MONOTONIC));
+    r->Sequence = 0;
+    r->MonotonicNs = static_cast<UINT64>(NowNs(CLOCK_MONOTONIC_COARSE));
     r->Status = status;
     r->Line = line;
     r->ThreadId = ThreadId();
     r->Priority = priority & LOG_PRIMASK;
-    CopyName(r->Unit, sizeof(r->Unit), unit);
-    CopyName(r->Function, sizeof(r->Function), function);
+    Used used;
+    used.unit = CopyName(r->Unit, sizeof(r->Unit), unit);
+    used.function = CopyName(r->Function, sizeof(r->Function), function);
+    used.text = 0;
+    return used;
 }
 
 void Observe(KSSTATUS status, const char* pFile, int line, const char* pFunction) {
@@ -281,13 +335,15 @@ KSSTATUS Compose(int severity, int facility, int code) {
 
 KSSTATUS OrlmBuildFailure(UINT32 code, const char* function, int line, const char* format, ...) {
     KSSTATUS status = Compose(3, ORLM_FACILITY, static_cast<int>(code));
-    ORLM_STATUS_RECORD r{};
-    FillRecord(&r, status, LOG_ERR, kUnit, line, function);
+    ORLM_STATUS_RECORD r;
+    Used used = FillRecord(&r, status, LOG_ERR, kUnit, line, function);
     va_list args;
     va_start(args, format);
-    std::vsnprintf(r.Text, sizeof(r.Text), format, args);
+    int n = std::vsnprintf(r.Text, sizeof(r.Text), format, args);
     va_end(args);
-    Publish(&r);
+    if (n < 0) r.Text[0] = '\0';
+    used.text = TerminateAt(r.Text, strnlen(r.Text, sizeof(r.Text) - 1));
+    Publish(&r, used);
     Forward(r, kUnit, true);
     Observe(status, kUnit, line, function);
     return status;
@@ -300,9 +356,10 @@ extern "C" {
 KSSTATUS KsStatusBuild_log(int severity, int facility, int code, char* pFile, int line,
                            char* pFunction) {
     KSSTATUS status = Compose(severity, facility, code);
-    ORLM_STATUS_RECORD r{};
-    FillRecord(&r, status, LOG_DEBUG, pFile, line, pFunction);
-    Publish(&r);
+    ORLM_STATUS_RECORD r;
+    Used used = FillRecord(&r, status, LOG_DEBUG, pFile, line, pFunction);
+    used.text = TerminateAt(r.Text, 0);
+    Publish(&r, used);
     Forward(r, pFile, true);
     Observe(status, pFile, line, pFunction);
     return status;
@@ -315,10 +372,10 @@ void KsStatusSetObserver(ORLM_STATUS_OBSERVER pObserver, void* pContext) {
 
 void OrlmRecordMessage(int priority, const char* pUnit, const char* pText) {
     if (pText == nullptr) return;
-    ORLM_STATUS_RECORD r{};
-    FillRecord(&r, 0, priority, pUnit, 0, nullptr);
-    CopyName(r.Text, sizeof(r.Text), pText);
-    Publish(&r);
+    ORLM_STATUS_RECORD r;
+    Used used = FillRecord(&r, 0, priority, pUnit, 0, nullptr);
+    used.text = CopyName(r.Text, sizeof(r.Text), pText);
+    Publish(&r, used);
     // The caller sends its own messages to the system log, under its own
     // identity; here they only reach standard error when that is asked for.
     Forward(r, pUnit, false);

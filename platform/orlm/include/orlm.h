@@ -311,7 +311,8 @@ KS_STATIC_ASSERT(sizeof(SCHANDLE) == 2 * sizeof(void*), "SCHANDLE is two handles
  * is unloaded. */
 typedef struct ORLM_STATUS_RECORD {
     UINT64 Sequence;    /* 1 for the process's first record, then +1 each */
-    UINT64 MonotonicNs; /* CLOCK_MONOTONIC time of the record, nanoseconds */
+    UINT64 MonotonicNs; /* CLOCK_MONOTONIC_COARSE time of the record, in
+                         * nanoseconds (to the kernel tick: a few ms) */
     KSSTATUS Status;    /* the status built; 0 for a message without one */
     INT32 Line;         /* source line, 0 when unknown */
     UINT32 ThreadId;    /* kernel thread id of the recording thread */
