@@ -9,8 +9,8 @@
 // ring wrapped during that write) or that holds a newer record is given up,
 // and the record counted as lost, rather than waited for. Readers copy a
 // slot between two stamp reads and keep the copy only when both read 2t+2,
-// so a record is seen whole or not at all. Payload words are relaxed atomics
-// so that the copy itself is not a data race.
+// so a record is seen whole or not at all. Payload words are atomics (release
+// stores, acquire loads) so that the copy itself is not a data race.
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>
@@ -213,7 +213,7 @@ void StoreWords(Slot& slot, const ORLM_STATUS_RECORD& r, size_t offset, size_t b
     for (size_t i = offset / kWordSize; i < (offset + bytes) / kWordSize; ++i) {
         Word w;
         std::memcpy(&w, base + i * kWordSize, kWordSize);
-        slot.words[i].store(w, std::memory_order_relaxed);
+        slot.words[i].store(w, std::memory_order_release);
     }
 }
 
@@ -229,8 +229,8 @@ void Publish(ORLM_STATUS_RECORD* pRecord, const Used& used) {
             return;
         }
     } while (!slot.stamp.compare_exchange_weak(stamp, writing, std::memory_order_relaxed));
-    // The odd stamp must be visible before any payload word changes.
-    std::atomic_thread_fence(std::memory_order_release);
+    // Payload words are stored with release ordering: a reader that sees
+    // any of them also sees the odd stamp before it (plain moves on x86).
     StoreWords(slot, *pRecord, 0, kHeaderBytes);
     StoreWords(slot, *pRecord, offsetof(ORLM_STATUS_RECORD, Unit), used.unit);
     StoreWords(slot, *pRecord, offsetof(ORLM_STATUS_RECORD, Function), used.function);
@@ -245,8 +245,9 @@ bool ReadTicket(UINT64 ticket, ORLM_STATUS_RECORD* pOut) {
     UINT64 complete = 2 * ticket + 2;
     if (slot.stamp.load(std::memory_order_acquire) != complete) return false;
     Word words[kWords];
-    for (size_t i = 0; i < kWords; ++i) words[i] = slot.words[i].load(std::memory_order_relaxed);
-    std::atomic_thread_fence(std::memory_order_acquire);
+    // Acquire loads: the second stamp read cannot move before them, and a
+    // word of a newer writer brings that writer's odd stamp with it.
+    for (size_t i = 0; i < kWords; ++i) words[i] = slot.words[i].load(std::memory_order_acquire);
     if (slot.stamp.load(std::memory_order_relaxed) != complete) return false;
     std::memcpy(pOut, words, sizeof(words));
     ClearTail(pOut->Unit, sizeof(pOut->Unit));
