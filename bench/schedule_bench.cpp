@@ -390,6 +390,75 @@ void BM_TimerfdLateness(benchmark::State& state) {
 }
 BENCHMARK(BM_TimerfdLateness)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 
+// Refused schedules: a timer that is already pending, and a work item that is
+// still queued, are refused as busy. The refusal builds a status (and used to
+// send its log line, with nobody listening, through glibc's socket attempts
+// and console fallback); it should cost no more than a few microseconds.
+void BM_KsoScheduleTimerRefusedPending(benchmark::State& state) {
+    IKspl* k = BenchInstance();
+    HANDLE t = nullptr;
+    k->lpVtbl->KsoAllocTimer(k, NoOpTimer, nullptr, FALSE, &t);
+    k->lpVtbl->KsoScheduleTimer(k, t, 1000000000ull);  // 1000 s: pending throughout
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(k->lpVtbl->KsoScheduleTimer(k, t, 1000000000ull));
+    }
+    k->lpVtbl->KsoCancelTimer(k, t);
+    k->lpVtbl->KsoDestroyTimer(k, t);
+    k->lpVtbl->Release(k);
+}
+BENCHMARK(BM_KsoScheduleTimerRefusedPending);
+
+// Occupies every work-item thread until released, so that an item queued
+// meanwhile stays queued.
+struct WorkerBlocker {
+    std::mutex mutex;
+    std::condition_variable cv;
+    int started = 0;
+    bool release = false;
+    static void Routine(HANDLE, PVOID context) {
+        auto* self = static_cast<WorkerBlocker*>(context);
+        std::unique_lock<std::mutex> lock(self->mutex);
+        ++self->started;
+        self->cv.notify_all();
+        self->cv.wait(lock, [self] { return self->release; });
+    }
+};
+
+void NoOpWork(HANDLE, PVOID) {}
+
+void BM_KsoScheduleWorkItemRefusedQueued(benchmark::State& state) {
+    IKspl* k = BenchInstance();
+    WorkerBlocker blocker;
+    const int workers = g_KsplMaxWorkItemThreads;
+    std::vector<HANDLE> blockers(workers);
+    for (HANDLE& h : blockers) {
+        k->lpVtbl->KsoAllocWorkItem(k, WorkerBlocker::Routine, &blocker, &h);
+        k->lpVtbl->KsoScheduleWorkItem(k, h, KSO_PRIORITY_NORMAL);
+    }
+    {
+        std::unique_lock<std::mutex> lock(blocker.mutex);
+        blocker.cv.wait(lock, [&] { return blocker.started == workers; });
+    }
+    HANDLE item = nullptr;
+    k->lpVtbl->KsoAllocWorkItem(k, NoOpWork, nullptr, &item);
+    k->lpVtbl->KsoScheduleWorkItem(k, item, KSO_PRIORITY_NORMAL);
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(k->lpVtbl->KsoScheduleWorkItem(k, item, KSO_PRIORITY_NORMAL));
+    }
+    {
+        std::lock_guard<std::mutex> lock(blocker.mutex);
+        blocker.release = true;
+    }
+    blocker.cv.notify_all();
+    // Destruction is refused while an item is queued or running.
+    for (HANDLE h : blockers) {
+        while (k->lpVtbl->KsoDestroyWorkItem(k, h) != 0) std::this_thread::yield();
+    }
+    while (k->lpVtbl->KsoDestroyWorkItem(k, item) != 0) std::this_thread::yield();
+    k->lpVtbl->Release(k);
+}
+BENCHMARK(BM_KsoScheduleWorkItemRefusedQueued)->UseRealTime();
+
 }  // namespace
 
 BENCHMARK_MAIN();

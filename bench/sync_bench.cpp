@@ -2,6 +2,7 @@
 // APR where present), with the ratios printed after the run.
 #include <benchmark/benchmark.h>
 #include <pthread.h>
+#include <syslog.h>
 
 #include <atomic>
 #include <thread>
@@ -252,6 +253,21 @@ void BM_KsoWaitAnyFour(benchmark::State& state) {
 }
 BENCHMARK(BM_KsoWaitAnyFour);
 
+// The same with the library's own log set-up (KSPL_DO_NOT_OVERWRITE_OPENLOG
+// unset): every call still builds its code 1 status; with no log daemon
+// neither set-up may turn that into system calls or console writes.
+void BM_KsoWaitAnyFourLibraryLog(benchmark::State& state) {
+    IKspl* k = Shared();
+    unsetenv("KSPL_DO_NOT_OVERWRITE_OPENLOG");
+    DllStart();
+    BM_KsoWaitAnyFour(state);
+    // Back to the host's (here glibc's default) settings for what follows.
+    closelog();
+    setenv("KSPL_DO_NOT_OVERWRITE_OPENLOG", "1", 1);
+    (void)k;
+}
+BENCHMARK(BM_KsoWaitAnyFourLibraryLog);
+
 // Hand-written: four flags under one mutex and one condition variable.
 struct FourFlags {
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -400,6 +416,7 @@ int main(int argc, char** argv) {
                       {"BM_KsoEventPingPong", "BM_GlibCondPingPong"},
                       {"BM_KsoEventPingPong", "BM_AprCondPingPong"},
                       {"BM_KsoWaitAnyFour", "BM_PthreadWaitAnyFour"},
+                      {"BM_KsoWaitAnyFourLibraryLog", "BM_PthreadWaitAnyFour"},
                       {"BM_KsoWaitAnyFourAcrossThreads", "BM_PthreadWaitAnyFourAcrossThreads"},
                       {"BM_KsoThreadCreateWaitDestroy", "BM_PthreadCreateJoin"}});
 }

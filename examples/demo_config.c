@@ -4,6 +4,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "host_util.h"
 #include "kspl.h"
 
 /* ASCII text to a NUL-terminated 16-bit string. */
@@ -46,8 +47,14 @@ static void print_record(const UINT8* rec) {
         printf("%u\n", u);
     } else if (info->ValueType == KSO_REG_UINT64 && info->ValueLength == 8) {
         UINT64 u;
+        char date[64];
         memcpy(&u, data, 8);
-        printf("%llu\n", (unsigned long long)u);
+        /* Started holds a system time: shown as the date it stands for. */
+        if (strcmp(name, "Started") == 0) {
+            printf("%s\n", format_system_time(u, date, sizeof date));
+        } else {
+            printf("%llu\n", (unsigned long long)u);
+        }
     } else if (info->ValueType == KSO_REG_SZ || info->ValueType == KSO_REG_MULTI_SZ) {
         /* The record ends the text with 0 units; show the inner ones as '|'. */
         UINT32 units = info->ValueLength / 2;
@@ -76,7 +83,7 @@ void demo_config(IKspl* k) {
     widen("Examples\\KsplHost", key, 64);
     st = v->KsoCreateKey(k, key, KSO_KEY_ALL_ACCESS, &h);
     if (st != 0) {
-        printf("demo_config: cannot create the settings key: %08X\n", st);
+        printf("demo_config: cannot create the settings key: %08X (%s)\n", st, status_text(st));
         return;
     }
     v->KsoGetSystemTime(k, &started);
@@ -92,7 +99,7 @@ void demo_config(IKspl* k) {
     widen("Cookie", name, 32);
     if (st == 0) st = v->KsoSetValueKey(k, h, name, KSO_REG_BINARY, (PVOID)cookie, sizeof cookie);
     if (st != 0) {
-        printf("demo_config: writing a setting failed: %08X\n", st);
+        printf("demo_config: writing a setting failed: %08X (%s)\n", st, status_text(st));
         v->KsoCloseKey(k, h);
         return;
     }
@@ -108,5 +115,5 @@ void demo_config(IKspl* k) {
     for (index = 0; v->KsoEnumerateValueKey(k, h, index, rec, sizeof rec, &result) == 0; ++index)
         print_record(rec);
     st = v->KsoCloseKey(k, h);
-    if (st != 0) printf("demo_config: close failed: %08X\n", st);
+    if (st != 0) printf("demo_config: close failed: %08X (%s)\n", st, status_text(st));
 }

@@ -5,6 +5,7 @@
  * their bytes in every code page. */
 #include <stdio.h>
 
+#include "host_util.h"
 #include "kspl.h"
 
 static void print_units(const char* label, const WCHAR* text, UINT32 count) {
@@ -51,14 +52,14 @@ void demo_convert(IKspl* k) {
     /* Code page selector 1 is the ANSI code page chosen at start-up. */
     st = v->KsoWideCharToMultiByte(k, 1, original, -1, narrow, &narrowLen);
     if (st != 0) {
-        printf("convert: to ANSI failed: %08X\n", (unsigned)st);
+        printf("convert: to ANSI failed: %08X (%s)\n", (unsigned)st, status_text(st));
         return;
     }
     print_bytes("convert: ANSI bytes ", narrow, narrowLen);
 
     st = v->KsoMultiByteToWideChar(k, 1, narrow, (INT32)narrowLen, back, &backLen);
     if (st != 0) {
-        printf("convert: back from ANSI failed: %08X\n", (unsigned)st);
+        printf("convert: back from ANSI failed: %08X (%s)\n", (unsigned)st, status_text(st));
         return;
     }
     print_units("convert: round trip ", back, backLen);

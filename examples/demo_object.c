@@ -9,6 +9,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "host_util.h"
 #include "kspl.h"
 
 #define DEMO_CHAINS 16u
@@ -44,7 +45,7 @@ static void demo_hit(IKspl* k, IOM_2* om, const char* name) {
                                            demo_same_name, chain, OM_ACCESS_EXCLUSIVE,
                                            OM_ACCESS_EXCLUSIVE, &user, &mode);
     if (st != 0) {
-        printf("  create %s failed: %08X\n", name, st);
+        printf("  create %s failed: %08X (%s)\n", name, st, status_text(st));
         return;
     }
     ((DemoCounter*)user)->hits++;
@@ -68,14 +69,14 @@ void demo_object(IKspl* k) {
     printf("object store:\n");
     st = OrlmCreateInstance(&clsid, NULL, &iid, (void**)&om);
     if (st != 0) {
-        printf("  no object store: %08X\n", st);
+        printf("  no object store: %08X (%s)\n", st, status_text(st));
         return;
     }
     /* 8 counters per block, read-write locks, a delete routine. */
     st = om->lpVtbl->Initialize(om, sizeof(DemoCounter), 8, OM_LEVEL_RWLOCK, DEMO_CHAINS,
                                 demo_destroyed, NULL, NULL, 0);
     if (st != 0) {
-        printf("  Initialize failed: %08X\n", st);
+        printf("  Initialize failed: %08X (%s)\n", st, status_text(st));
         om->lpVtbl->Release(om);
         return;
     }

@@ -6,6 +6,7 @@
  * by the library's threads, so they are read and written atomically. */
 #include <stdio.h>
 
+#include "host_util.h"
 #include "kspl.h"
 
 typedef struct {
@@ -70,7 +71,7 @@ void demo_schedule(IKspl* k) {
     /* A work item: packaged once, queued, run by a worker thread. */
     st = v->KsoAllocWorkItem(k, work_routine, &work, &hWork);
     if (st != 0) {
-        printf("schedule: KsoAllocWorkItem failed: %08X\n", (unsigned)st);
+        printf("schedule: KsoAllocWorkItem failed: %08X (%s)\n", (unsigned)st, status_text(st));
         return;
     }
     st = v->KsoScheduleWorkItem(k, hWork, KSO_PRIORITY_NORMAL);
@@ -78,16 +79,17 @@ void demo_schedule(IKspl* k) {
         printf("schedule: work item ran %u time(s) on a worker thread\n",
                (unsigned)load_counter(&work.runs));
     } else {
-        printf("schedule: work item did not run (status %08X)\n", (unsigned)st);
+        printf("schedule: work item did not run (status %08X, %s)\n", (unsigned)st,
+               status_text(st));
     }
     /* Not queued any more, so it may be destroyed. */
     st = v->KsoDestroyWorkItem(k, hWork);
-    if (st != 0) printf("schedule: KsoDestroyWorkItem failed: %08X\n", (unsigned)st);
+    if (st != 0) printf("schedule: KsoDestroyWorkItem failed: %08X (%s)\n", (unsigned)st, status_text(st));
 
     /* A periodic timer on the 10 ms tick. */
     st = v->KsoAllocTimer(k, tick_routine, &ticks, FALSE, &hTick);
     if (st != 0) {
-        printf("schedule: KsoAllocTimer failed: %08X\n", (unsigned)st);
+        printf("schedule: KsoAllocTimer failed: %08X (%s)\n", (unsigned)st, status_text(st));
         return;
     }
     v->KsoGetSystemTime(k, &start);
@@ -97,24 +99,24 @@ void demo_schedule(IKspl* k) {
         printf("schedule: periodic timer ran %u times in about %u ms\n",
                (unsigned)load_counter(&ticks.runs), (unsigned)((end - start) / 10000u));
     } else {
-        printf("schedule: periodic timer stopped early (status %08X, %u runs)\n", (unsigned)st,
+        printf("schedule: periodic timer stopped early (status %08X, %s, %u runs)\n", (unsigned)st, status_text(st),
                (unsigned)load_counter(&ticks.runs));
         /* Whatever it is doing, make sure it is not pending any more. */
         v->KsoCancelTimer(k, hTick);
         v->KsoSleep(k, 100000);
     }
     st = v->KsoDestroyTimer(k, hTick);
-    if (st != 0) printf("schedule: KsoDestroyTimer failed: %08X\n", (unsigned)st);
+    if (st != 0) printf("schedule: KsoDestroyTimer failed: %08X (%s)\n", (unsigned)st, status_text(st));
 
     /* A timer cancelled before it fires: its routine never runs. */
     st = v->KsoAllocTimer(k, never_routine, NULL, FALSE, &hNever);
     if (st != 0) {
-        printf("schedule: KsoAllocTimer failed: %08X\n", (unsigned)st);
+        printf("schedule: KsoAllocTimer failed: %08X (%s)\n", (unsigned)st, status_text(st));
         return;
     }
     v->KsoScheduleTimer(k, hNever, 10000000);
     printf("schedule: a 10 s timer cancelled before it fired: %s\n",
            v->KsoCancelTimer(k, hNever) ? "yes" : "no");
     st = v->KsoDestroyTimer(k, hNever);
-    if (st != 0) printf("schedule: KsoDestroyTimer failed: %08X\n", (unsigned)st);
+    if (st != 0) printf("schedule: KsoDestroyTimer failed: %08X (%s)\n", (unsigned)st, status_text(st));
 }

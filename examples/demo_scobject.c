@@ -8,6 +8,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "host_util.h"
 #include "kspl.h"
 
 typedef struct Document {
@@ -55,7 +56,7 @@ static void demo_open(ISCOM_2* m, SCHANDLE session, const char* name, UINT32 pag
     st = m->lpVtbl->CreateObject(m, session, &init, demo_init_document, &init, demo_same_name,
                                  (UINT32)(unsigned char)name[0] % 8, 0, 0, &doc, &opened);
     if (st != 0) {
-        printf("  CreateObject(%s) failed: %08X\n", name, st);
+        printf("  CreateObject(%s) failed: %08X (%s)\n", name, st, status_text(st));
         return;
     }
     printf("  session %lu: \"%s\" %s\n", (unsigned long)(uintptr_t)session.hId, name,
@@ -78,13 +79,13 @@ void demo_scobject(IKspl* k) {
     printf("security-context object manager:\n");
     st = OrlmCreateInstance(&clsid, NULL, &iid, (void**)&m);
     if (st != 0) {
-        printf("  no ISCOM_2: %08X\n", st);
+        printf("  no ISCOM_2: %08X (%s)\n", st, status_text(st));
         return;
     }
     st = m->lpVtbl->Initialize(m, &component, sizeof(Document), 16, OM_LEVEL_RWLOCK, 8,
                                demo_delete_document, NULL, demo_session_ended, 0);
     if (st != 0) {
-        printf("  Initialize failed: %08X\n", st);
+        printf("  Initialize failed: %08X (%s)\n", st, status_text(st));
         m->lpVtbl->Release(m);
         return;
     }

@@ -7,6 +7,7 @@
  * everything back. */
 #include <stdio.h>
 
+#include "host_util.h"
 #include "kspl.h"
 
 typedef struct DemoShared {
@@ -53,11 +54,12 @@ void demo_sync(IKspl* k) {
     }
     st = v->KsoCreateThread(k, KSO_PRIORITY_NORMAL, demo_worker, &s, &thread);
     if (st != 0) {
-        printf("demo_sync: thread creation failed: %08X\n", st);
+        printf("demo_sync: thread creation failed: %08X (%s)\n", st, status_text(st));
         goto out;
     }
-    printf("demo_sync: worker started; destroy while running gives %08X\n",
-           v->KsoDestroyThread(k, thread));
+    st = v->KsoDestroyThread(k, thread);
+    printf("demo_sync: worker started; destroy while running gives %08X (%s)\n", st,
+           status_text(st));
 
     v->KsoSignalEvent(k, s.go, NULL);
     waitFor[0] = never;
@@ -67,8 +69,8 @@ void demo_sync(IKspl* k) {
 
     st = v->KsoWaitForThreadExit(k, thread, -1);
     v->KsoAcquireMutex(k, s.mutex);
-    printf("demo_sync: worker ended (%08X), exit status %08X, total %u\n", st,
-           v->KsoGetThreadExitStatus(k, thread), s.total);
+    printf("demo_sync: worker ended (%08X, %s), exit status %08X, total %u\n", st,
+           status_text(st), v->KsoGetThreadExitStatus(k, thread), s.total);
     v->KsoReleaseMutex(k, s.mutex);
     v->KsoDestroyThread(k, thread);
 

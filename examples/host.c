@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "host_util.h"
 #include "kspl.h"
 
 /* Demos of the service families (demo_<service>.c). */
@@ -47,14 +48,14 @@ static void print_statistics(IKspl* k) {
     UINT32 i;
 
     if (st != 0xC7F10007u) {
-        printf("statistics size query failed: %08X\n", st);
+        printf("statistics size query failed: %08X (%s)\n", st, status_text(st));
         return;
     }
     buf = (unsigned char*)malloc(size);
     if (buf == NULL) return;
     st = v->KsoGetGeneralKsplStatistics(k, &size, buf);
     if (st != 0) {
-        printf("statistics failed: %08X\n", st);
+        printf("statistics failed: %08X (%s)\n", st, status_text(st));
         free(buf);
         return;
     }
@@ -75,6 +76,31 @@ static void print_statistics(IKspl* k) {
     free(buf);
 }
 
+/* The latest failures the runtime recorded (every status built in this
+ * process, with where it was built), newest last, with their dates. */
+static void print_recent_statuses(IKspl* k) {
+    ORLM_STATUS_RECORD records[8];
+    UINT32 count = 0, i;
+    UINT64 now_system = 0;
+    struct timespec now_mono;
+    UINT64 mono_ns;
+    char date[64];
+
+    OrlmGetRecentStatuses(records, 8, &count);
+    k->lpVtbl->KsoGetSystemTime(k, &now_system);
+    clock_gettime(CLOCK_MONOTONIC, &now_mono);
+    mono_ns = (UINT64)now_mono.tv_sec * 1000000000u + (UINT64)now_mono.tv_nsec;
+    printf("latest statuses built in this process (newest last):\n");
+    for (i = 0; i < count; ++i) {
+        const ORLM_STATUS_RECORD* r = &records[i];
+        UINT64 age = mono_ns > r->MonotonicNs ? (mono_ns - r->MonotonicNs) / 100u : 0;
+        printf("  %s  %08X  %s\n      in %s at %s:%d%s%s\n",
+               format_system_time(now_system - age, date, sizeof date), r->Status,
+               status_text(r->Status), r->Function, r->Unit, r->Line, r->Text[0] ? ": " : "",
+               r->Text);
+    }
+}
+
 int main(int argc, char** argv) {
     static const GUID clsid = KSPL_GUID_CLSID_ZorvikKspl;
     static const GUID iid = KSPL_GUID_IID_IZorvikKspl_1;
@@ -89,12 +115,17 @@ int main(int argc, char** argv) {
     if (module == NULL) module = KSPL_DEFAULT_MODULE;
     st = OrlmLoadComponent(module);
     if (st != 0) {
-        fprintf(stderr, "kspl_host: cannot load %s: %08X\n", module, st);
+        /* The runtime recorded the loader's reason with the failure. */
+        ORLM_STATUS_RECORD last;
+        UINT32 n = 0;
+        OrlmGetRecentStatuses(&last, 1, &n);
+        fprintf(stderr, "kspl_host: %08X (%s)\n  %s\n", st, status_text(st),
+                n == 1 && last.Status == st && last.Text[0] ? last.Text : module);
         return 1;
     }
     st = OrlmCreateInstance(&clsid, NULL, &iid, (void**)&k);
     if (st != 0) {
-        fprintf(stderr, "kspl_host: no IKspl instance: %08X\n", st);
+        fprintf(stderr, "kspl_host: no IKspl instance: %08X (%s)\n", st, status_text(st));
         return 1;
     }
     v = k->lpVtbl;
@@ -120,6 +151,7 @@ int main(int argc, char** argv) {
 
     run_demos(k);
     print_statistics(k);
+    print_recent_statuses(k);
 
     if (other != NULL) {
         other->lpVtbl->KsoFreeMemory(other, nonpaged);

@@ -1,5 +1,5 @@
-// orlm.cpp - the component runtime: status builder, component loading and
-// instance creation by class id.
+// orlm.cpp - the component runtime: component loading and instance creation
+// by class id. The status builder and its recorder are in recorder.cpp.
 //
 // Lock order: g_loadMutex, then g_registryMutex. g_loadMutex serialises
 // loading so that a component is started once even when several threads load
@@ -7,9 +7,7 @@
 // others. g_registryMutex is a leaf lock, never held while a component's code
 // runs (DllStart, DllGetClassObject, factories, DllStop).
 #include <dlfcn.h>
-#include <syslog.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -38,9 +36,6 @@ std::mutex g_registryMutex;  // guards g_components
 std::vector<Component> g_components;
 std::once_flag g_envOnce;
 
-std::atomic<ORLM_STATUS_OBSERVER> g_observer{nullptr};
-std::atomic<void*> g_observerContext{nullptr};
-
 bool GuidEqual(const GUID* a, const GUID* b) { return std::memcmp(a, b, sizeof(GUID)) == 0; }
 
 KSSTATUS Fail(unsigned code, int line, const char* function) {
@@ -52,24 +47,6 @@ KSSTATUS Fail(unsigned code, int line, const char* function) {
 }  // namespace
 
 extern "C" {
-
-KSSTATUS KsStatusBuild_log(int severity, int facility, int code, char* pFile, int line,
-                           char* pFunction) {
-    KSSTATUS status = (static_cast<UINT32>(severity) << 30) |
-                      (static_cast<UINT32>(facility) << 16) | (static_cast<UINT32>(code) & 0xFFFFu);
-    syslog(LOG_USER | LOG_DEBUG, "status %08X built in %s at %s:%d", status,
-           pFunction != nullptr ? pFunction : "?", pFile != nullptr ? pFile : "?", line);
-    ORLM_STATUS_OBSERVER observer = g_observer.load(std::memory_order_acquire);
-    if (observer != nullptr) {
-        observer(g_observerContext.load(std::memory_order_acquire), status, pFile, line, pFunction);
-    }
-    return status;
-}
-
-void KsStatusSetObserver(ORLM_STATUS_OBSERVER pObserver, void* pContext) {
-    g_observerContext.store(pContext, std::memory_order_release);
-    g_observer.store(pObserver, std::memory_order_release);
-}
 
 KSSTATUS OrlmLoadComponent(const char* pPath) {
     if (pPath == nullptr || *pPath == '\0') return ORLM_FAIL(ORLM_E_INVALIDARG);
@@ -83,8 +60,8 @@ KSSTATUS OrlmLoadComponent(const char* pPath) {
     void* handle = dlopen(pPath, RTLD_NOW | RTLD_LOCAL);
     if (handle == nullptr) {
         const char* why = dlerror();
-        syslog(LOG_USER | LOG_ERR, "orlm: cannot load %s: %s", pPath, why != nullptr ? why : "?");
-        return ORLM_FAIL(ORLM_E_LOAD_FAILED);
+        return OrlmBuildFailure(ORLM_E_LOAD_FAILED, __func__, __LINE__, "cannot load %s: %s", pPath,
+                                why != nullptr ? why : "?");
     }
     auto start = reinterpret_cast<ORLM_DLLSTART>(dlsym(handle, "DllStart"));
     auto stop = reinterpret_cast<ORLM_DLLSTOP>(dlsym(handle, "DllStop"));
@@ -96,15 +73,15 @@ KSSTATUS OrlmLoadComponent(const char* pPath) {
                           : table == nullptr          ? "ZLCOM_Table"
                                                       : nullptr;
     if (missing != nullptr) {
-        syslog(LOG_USER | LOG_ERR, "orlm: cannot load %s: no entry point %s", pPath, missing);
         dlclose(handle);
-        return ORLM_FAIL(ORLM_E_NO_ENTRY);
+        return OrlmBuildFailure(ORLM_E_NO_ENTRY, __func__, __LINE__, "cannot load %s: no entry point %s",
+                                pPath, missing);
     }
     KSSTATUS started = start();
     if (KS_IS_ERROR(started)) {
-        syslog(LOG_USER | LOG_ERR, "orlm: cannot load %s: DllStart failed %08X", pPath, started);
         dlclose(handle);
-        return ORLM_FAIL(ORLM_E_START_FAILED);
+        return OrlmBuildFailure(ORLM_E_START_FAILED, __func__, __LINE__,
+                                "cannot load %s: DllStart failed %08X", pPath, started);
     }
     Component component{pPath, handle, stop, getClassObject, {}};
     for (const GUID* const* p = table; *p != nullptr; ++p) component.classes.push_back(**p);

@@ -13,5 +13,12 @@ void KsplLogV(int priority, const char* format, va_list args);
 using KsplLogHook = void (*)(int priority, const char* text);
 void KsplSetLogHook(KsplLogHook hook);
 
+// Whether a system log daemon listens on /dev/log: KsplProbeSystemLog looks
+// now (three system calls), KsplSystemLogListening answers from the last
+// look and looks again every few seconds. Messages are not sent while
+// nobody listens.
+bool KsplProbeSystemLog();
+bool KsplSystemLogListening();
+
 void KsoDebugBreakPoint(IKspl* pThis);
 void KsoDebugPrintf(IKspl* pThis, PCHAR pFormatStr, ...);

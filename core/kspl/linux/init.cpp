@@ -101,8 +101,12 @@ static INT32 KsplComputeMaxFiles() {
 }
 
 KSSTATUS DllStart(void) {
+    // Without a listening system log, LOG_CONS would send every message to
+    // the console: it is left out then. Looked up here whatever the host's
+    // choice, since the log path skips messages nobody would receive.
+    bool listening = KsplProbeSystemLog();
     if (std::getenv("KSPL_DO_NOT_OVERWRITE_OPENLOG") == nullptr) {
-        openlog("[KSPL]", LOG_CONS | LOG_ODELAY | LOG_NOWAIT, LOG_USER);
+        openlog("[KSPL]", (listening ? LOG_CONS : 0) | LOG_ODELAY | LOG_NOWAIT, LOG_USER);
         setlogmask(0x7F);
     }
     g_KsplMaxThreads = KsplComputeMaxThreads();

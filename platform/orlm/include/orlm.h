@@ -276,6 +276,92 @@ KS_STATIC_ASSERT(sizeof(ISAVtbl) == 13 * sizeof(void*), "ISA has 13 slots");
 KS_STATIC_ASSERT(sizeof(ORLM_IClassFactoryVtbl) == 5 * sizeof(void*), "class factory has 5 slots");
 KS_STATIC_ASSERT(sizeof(SCHANDLE) == 2 * sizeof(void*), "SCHANDLE is two handles");
 
+/* ------------------------------------------------------------------ */
+/* Status recorder and decoder                                         */
+/* ------------------------------------------------------------------ */
+
+/*
+ * KsStatusBuild_log records every status it builds, and the runtime records
+ * its own failures (a component that cannot be loaded, with the path and the
+ * loader's reason; a missing entry point), in a fixed-size ring of the
+ * process: lock-free, no system call, no allocation. The ring keeps the
+ * latest ORLM_RECORDER_CAPACITY records; older ones are overwritten.
+ *
+ * Forwarding, chosen by the environment variable "ORLM_LOG" when the first
+ * record is made (or by OrlmSetLogMode):
+ *   "syslog" (default)  to the system log: built statuses at debug
+ *                       priority, at most one per call site and second,
+ *                       with the count of those suppressed on the next line
+ *                       that goes out; the runtime's failures at error
+ *                       priority. Nothing is sent while no system log is
+ *                       listening (looked up again every few seconds).
+ *   "stderr"            one readable line per record on standard error,
+ *                       the status decoded.
+ *   "off"               the ring only.
+ * An unknown value selects the default and says so on standard error once.
+ */
+
+#define ORLM_RECORDER_CAPACITY 256u
+#define ORLM_RECORD_UNIT_SIZE 32u
+#define ORLM_RECORD_FUNCTION_SIZE 64u
+#define ORLM_RECORD_TEXT_SIZE 128u
+
+/* One record. Strings are copied (truncated when longer) and always
+ * zero-terminated, so a record stays readable after the library that made it
+ * is unloaded. */
+typedef struct ORLM_STATUS_RECORD {
+    UINT64 Sequence;    /* 1 for the process's first record, then +1 each */
+    UINT64 MonotonicNs; /* CLOCK_MONOTONIC_COARSE time of the record, in
+                         * nanoseconds (to the kernel tick: a few ms) */
+    KSSTATUS Status;    /* the status built; 0 for a message without one */
+    INT32 Line;         /* source line, 0 when unknown */
+    UINT32 ThreadId;    /* kernel thread id of the recording thread */
+    INT32 Priority;     /* system-log level: 7 debug (built statuses), 3 error
+                         * (the runtime's failures), or a message's own level */
+    CHAR Unit[ORLM_RECORD_UNIT_SIZE];         /* source unit ("orlm", "event"...) */
+    CHAR Function[ORLM_RECORD_FUNCTION_SIZE]; /* reporting function */
+    CHAR Text[ORLM_RECORD_TEXT_SIZE];         /* the reason, or empty */
+} ORLM_STATUS_RECORD;
+typedef ORLM_STATUS_RECORD* PORLM_STATUS_RECORD;
+
+/* Not an error: OrlmGetRecentStatuses had more records than the buffer
+ * holds and copied the newest. */
+#define ORLM_I_MORE_RECORDS 11u
+#define ORLM_STATUS_MORE_RECORDS KS_MAKE_STATUS(1u, ORLM_FACILITY, ORLM_I_MORE_RECORDS)
+
+/* Copies the latest records into pRecords (capacity entries), oldest first,
+ * newest last, and sets *pCount to the number copied. A record being written
+ * at the time of the call is left out, never copied half made. pRecords null
+ * with capacity 0 asks how many records the ring holds (*pCount, status 0).
+ * More records than capacity: the newest capacity are copied and
+ * ORLM_STATUS_MORE_RECORDS is returned. Null pCount, or null pRecords with a
+ * non-zero capacity: code 4 (ORLM_E_INVALIDARG), nothing written. */
+ORLM_API KSSTATUS OrlmGetRecentStatuses(PORLM_STATUS_RECORD pRecords, UINT32 capacity,
+                                        PUINT32 pCount);
+
+/* Records a message of another library of the process (for example one it
+ * could not send to the system log) with its level (0..7) and source unit,
+ * and forwards it as ORLM_LOG says. pText may not be null. */
+ORLM_API void OrlmRecordMessage(int priority, const char* pUnit, const char* pText);
+
+/* Chooses the forwarding: "syslog", "stderr" or "off"; null reads
+ * "ORLM_LOG" again. An unknown name selects "syslog" and returns code 4. */
+ORLM_API KSSTATUS OrlmSetLogMode(const char* pMode);
+
+/* A constant description of a status: the facility's name and the meaning of
+ * the code ("platform services: invalid handle ..."), for the platform
+ * services, the object managers, this runtime and the configuration store.
+ * 0 is "success". Null for a status the runtime does not know. */
+ORLM_API const char* OrlmStatusText(KSSTATUS status);
+
+KS_STATIC_ASSERT(sizeof(ORLM_STATUS_RECORD) == 256, "status record is 256 bytes");
+KS_STATIC_ASSERT(offsetof(ORLM_STATUS_RECORD, MonotonicNs) == 8, "record layout");
+KS_STATIC_ASSERT(offsetof(ORLM_STATUS_RECORD, Status) == 16, "record layout");
+KS_STATIC_ASSERT(offsetof(ORLM_STATUS_RECORD, ThreadId) == 24, "record layout");
+KS_STATIC_ASSERT(offsetof(ORLM_STATUS_RECORD, Unit) == 32, "record layout");
+KS_STATIC_ASSERT(offsetof(ORLM_STATUS_RECORD, Function) == 64, "record layout");
+KS_STATIC_ASSERT(offsetof(ORLM_STATUS_RECORD, Text) == 128, "record layout");
+
 KS_EXTERN_C_END
 
 #endif /* ORLM_H */
