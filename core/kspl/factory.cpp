@@ -8,7 +8,6 @@
 // holder, since the switch changes what every holder sees.
 #include "factory_int.h"
 
-#include "linux/instance_int.h"
 #include "object_int.h"
 #include "scobject_int.h"
 

@@ -12,7 +12,6 @@
 #include <cstring>
 
 #include "linklist_int.h"
-#include "linux/dbg_int.h"
 #include "memory_int.h"
 #include "sysalloc_int.h"
 

@@ -16,7 +16,6 @@
 // thread needs to finish with that object.
 #include "scobject_int.h"
 
-#include "linux/instance_int.h"
 #include "object_int.h"
 
 KSPL_SOURCE_UNIT("scobject");
