@@ -24,7 +24,7 @@ UINT32 GlobalIncrement(UINT32* counter) {
 }
 UINT32 GlobalDecrement(UINT32* counter) {
     IKspl* k = pIKspl;
-    return k != nullptr ? k->lpVtbl->KsoInterlockedDecrement(k, counter) : KsAtomicSub(counter, 1u);
+    return k != nullptr ? k->lpVtbl->KsoInterlockedDecrement(k, counter) : KsCounterSub(counter, 1u);
 }
 
 UINT32 OMFactoryAddRef(void* pThis) {

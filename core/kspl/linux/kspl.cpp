@@ -27,6 +27,22 @@
 
 KSPL_SOURCE_UNIT("kspl");
 
+// Layouts that casts rely on. A resource handle is read as a KsoHandleHeader
+// (KsplHandleIs) whatever its kind, so every record starts with one; a
+// tracked block's list link is the block header itself; an IKspl pointer is
+// the instance record (the registry reaches it through KsContainerOf).
+static_assert(offsetof(KsoHandleHeader, Link) == 0 && offsetof(KsoHandleHeader, Link2) ==
+                                                          sizeof(LIST_ENTRY),
+              "handle header: links first");
+static_assert(offsetof(KSO_MUTEX_HANDLE, Header) == 0 && offsetof(KSO_SPINLOCK_HANDLE, Header) == 0 &&
+                  offsetof(KSO_LOCK_HANDLE, Header) == 0 && offsetof(KSO_EVENT_HANDLE, Header) == 0 &&
+                  offsetof(KSO_WORK_ITEM_HANDLE, Header) == 0 &&
+                  offsetof(KSO_TIMER_HANDLE, Header) == 0,
+              "every resource record begins with the handle header");
+static_assert(offsetof(KSO_MEM_HANDLE, Link) == 0, "a block's list link is its header");
+static_assert(offsetof(MY_EVENT_LIST_ENTRY, MasterEntry) == 0, "registration: master link first");
+static_assert(offsetof(KsplObjInfo, lpVtbl) == 0, "instance record: table first");
+
 // InterfaceMutex guards InterfaceList and InterfaceCount.
 LIST_ENTRY InterfaceList = {&InterfaceList, &InterfaceList};
 UINT32 InterfaceCount = 0;
