@@ -319,6 +319,7 @@ typedef struct Item {
 } Item;
 
 static int g_inits, g_deletes;
+static const GUID g_omClass = KSPL_GUID_CLSID_ObjectManagerDataStore;
 
 static KSSTATUS item_init(PVOID user, PVOID key) {
     ((Item*)user)->key = *(UINT32*)key;
@@ -338,7 +339,6 @@ static KSSTATUS item_deleted(PVOID user) {
 /* Version 1: create (then open the same key again), find, reference by
  * handle, enumerate, delete; releasing the store deletes the rest. */
 static void drive_iom(void) {
-    static const GUID clsid = KSPL_GUID_CLSID_ObjectManagerDataStore;
     static const GUID iid = KSPL_GUID_IID_IObjectManager_1;
     IOM* om = NULL;
     PVOID a = NULL, b = NULL, found = NULL, byHandle = NULL, user = NULL;
@@ -346,7 +346,7 @@ static void drive_iom(void) {
     UINT32 key1 = 11, key2 = 22, mode = 0, count = 0, sum = 0, alloc = 0, inUse = 0, pre = 0;
 
     g_inits = g_deletes = 0;
-    CHECK(OrlmCreateInstance(&clsid, NULL, &iid, (void**)&om) == 0);
+    CHECK(OrlmCreateInstance(&g_omClass, NULL, &iid, (void**)&om) == 0);
     if (om == NULL) return;
     CHECK(om->lpVtbl->Initialize(om, sizeof(Item), 4, OM_LEVEL_RWLOCK, 8, item_deleted, NULL,
                                  NULL, 0) == 0);
@@ -396,7 +396,6 @@ static void drive_iom(void) {
 /* Version 2: the masked handle addresses the object; the raw one differs
  * from it only by the mask and is refused where a masked one is due. */
 static void drive_iom_2(void) {
-    static const GUID clsid = KSPL_GUID_CLSID_ObjectManagerDataStore;
     static const GUID iid = KSPL_GUID_IID_IObjectManager_2;
     IOM_2* om = NULL;
     PVOID a = NULL, user = NULL;
@@ -404,7 +403,7 @@ static void drive_iom_2(void) {
     UINT32 key = 7, mode = 0, count = 0, alloc = 0, inUse = 0, pre = 0;
 
     g_inits = g_deletes = 0;
-    CHECK(OrlmCreateInstance(&clsid, NULL, &iid, (void**)&om) == 0);
+    CHECK(OrlmCreateInstance(&g_omClass, NULL, &iid, (void**)&om) == 0);
     if (om == NULL) return;
     CHECK(om->lpVtbl->Initialize(om, sizeof(Item), 2, OM_LEVEL_MUTEX, 4, item_deleted, NULL, NULL,
                                  1) == 0);
@@ -429,9 +428,11 @@ static void drive_iom_2(void) {
     CHECK(om->lpVtbl->Release(om) == 0);
 }
 
+/* The manager's cleanup routine: the last context it was told has ended. */
 static int g_contextsEnded;
+static SCHANDLE g_endedContext;
 static KSSTATUS context_ended(SCHANDLE hSC) {
-    (void)hSC;
+    g_endedContext = hSC;
     ++g_contextsEnded;
     return 0;
 }
@@ -439,7 +440,6 @@ static KSSTATUS context_ended(SCHANDLE hSC) {
 /* Security contexts: the same key in two contexts makes two objects; a scan
  * over all contexts sees both; ending a context deletes its objects. */
 static void drive_iscom(void) {
-    static const GUID clsid = KSPL_GUID_CLSID_ObjectManagerDataStore;
     static const GUID iid = KSPL_GUID_IID_ISCObjectManager_2;
     static GUID component = {0xCACCE975, 0x0001, 0x0002, {1, 2, 3, 4, 5, 6, 7, 8}};
     ISCOM_2* m = NULL;
@@ -451,7 +451,7 @@ static void drive_iscom(void) {
 
     g_inits = g_deletes = 0;
     g_contextsEnded = 0;
-    CHECK(OrlmCreateInstance(&clsid, NULL, &iid, (void**)&m) == 0);
+    CHECK(OrlmCreateInstance(&g_omClass, NULL, &iid, (void**)&m) == 0);
     if (m == NULL) return;
     CHECK(m->lpVtbl->Initialize(m, &component, sizeof(Item), 4, OM_LEVEL_RWLOCK, 4, item_deleted,
                                 NULL, context_ended, 0) == 0);
@@ -484,7 +484,8 @@ static void drive_iscom(void) {
     CHECK(count == 2);
 
     CHECK(OrlmEndSecurityContext(alice) == 0);
-    CHECK(g_deletes == 1 && g_contextsEnded >= 1);
+    CHECK(g_deletes == 1 && g_contextsEnded == 1);
+    CHECK(g_endedContext.hTypeId == alice.hTypeId && g_endedContext.hId == alice.hId);
     inUse = 99; /* the ended context's store may be gone: then the counts read 0 */
     m->lpVtbl->GetObjectStats(m, alice, &alloc, &inUse, &pre);
     CHECK(inUse == 0);
