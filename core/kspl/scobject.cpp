@@ -175,8 +175,10 @@ UINT32 SCObjectAddRef(void* pThis) {
 
 UINT32 SCObjectRelease(void* pThis) {
     SCObjectInfo* soi = SCInfo(pThis);
-    pIKspl->lpVtbl->KsoInterlockedDecrement(pIKspl, &g_ulCount);
+    const UINT32 live = pIKspl->lpVtbl->KsoInterlockedDecrement(pIKspl, &g_ulCount);
     UINT32 remaining = pIKspl->lpVtbl->KsoInterlockedDecrement(pIKspl, &soi->cReference);
+    // Neither count wraps: a release without its reference stops here.
+    KS_DCHECK(live != ~0u && remaining != ~0u);
     if (remaining != 0) return remaining;
     if (soi->pISA != nullptr) {
         // Deregistering removes this manager's attribute from every context,
