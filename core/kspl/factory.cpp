@@ -24,7 +24,8 @@ UINT32 GlobalIncrement(UINT32* counter) {
 }
 UINT32 GlobalDecrement(UINT32* counter) {
     IKspl* k = pIKspl;
-    return k != nullptr ? k->lpVtbl->KsoInterlockedDecrement(k, counter) : KsCounterSub(counter, 1u);
+    return k != nullptr ? k->lpVtbl->KsoInterlockedDecrement(k, counter)
+                        : KsAtomicSubChecked(counter, 1u);
 }
 
 UINT32 OMFactoryAddRef(void* pThis) {

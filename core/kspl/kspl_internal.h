@@ -179,7 +179,7 @@ inline bool KsMutexIsLocked(pthread_mutex_t* m) {
 
 // Counter decrement that must never pass below zero (a double release or a
 // destroy of something never counted).
-inline UINT32 KsCounterSub(UINT32* p, UINT32 delta) {
+inline UINT32 KsAtomicSubChecked(UINT32* p, UINT32 delta) {
     UINT32 before = __atomic_fetch_sub(p, delta, __ATOMIC_SEQ_CST);
     KS_DCHECK(before >= delta);
     return before - delta;

@@ -172,7 +172,7 @@ UINT32 KsplFactoryLockServer(void* This, BOOLEAN fLock) {
     if (fLock == 1) {
         KsAtomicAdd(&cf->cLock, 1u);
     } else {
-        KsCounterSub(&cf->cLock, 1u);
+        KsAtomicSubChecked(&cf->cLock, 1u);
     }
     return 0;
 }
@@ -221,7 +221,7 @@ UINT32 KsplAddReference(IKspl* pThis) { return KsAtomicAdd(&KsplInfo(pThis)->cRe
 
 UINT32 KsplReleaseReference(IKspl* pThis) {
     KsplObjInfo* info = KsplInfo(pThis);
-    UINT32 remaining = KsCounterSub(&info->cReference, 1u);
+    UINT32 remaining = KsAtomicSubChecked(&info->cReference, 1u);
     if (remaining != 0) return remaining;
 
     // Final release. Resources still counted on the instance stay alive; the

@@ -211,7 +211,7 @@ KSSTATUS KsoDestroyWorkItem(IKspl* pThis, HANDLE hWork) {
     }
     IKspl* owner = KsplRecordOwner(item);
     if (owner == nullptr) return KsoFreeMemory(pThis, item);  // refused: not a tracked block
-    KsCounterSub(&KsplInfo(owner)->WorkItemInUse, 1u);
+    KsAtomicSubChecked(&KsplInfo(owner)->WorkItemInUse, 1u);
     KsoZeroMemory(owner, item, sizeof(*item));
     return KsoFreeMemory(owner, item);
 }
