@@ -36,7 +36,7 @@ class Fx;
 struct Row {
     const char* fn;  // builds the out-of-memory status (or a conversion it calls does)
     unsigned allocations = 1;  // of a clean run
-    KSSTATUS noMemory = KsplErr(5);  // 0: the call absorbs the failure
+    KSSTATUS noMemory = KsplErr(KSPL_CODE_NO_MEMORY);  // 0: the call absorbs the failure
     KSSTATUS success = 0;
     bool clearsOut = false;  // a failed run nulls the out-pointer `out`
     const char* builtBy = nullptr;  // "" for any routine it calls; default `fn`
@@ -174,7 +174,7 @@ Row Resource(const char* fn, KSSTATUS noMemory, std::function<KSSTATUS(Fx&)> all
 // stays taken, and a signal after the run reaches a plain wait.
 Row MultiWait(BOOLEAN all, bool firstSet) {
     return {.fn = "KsoWaitForMultipleEvents", .allocations = firstSet ? 2u : 3u,
-            .success = KsplErr(10),
+            .success = KsplErr(KSPL_CODE_TIMEOUT),
             .setup = [firstSet](Fx& f) {
                 if (firstSet) f.v->KsoSignalEvent(f.k, f.events[0], nullptr);
             },
@@ -198,7 +198,7 @@ KSSTATUS InitStore(IOM* om) {
 // needs a block and a lock (pre 0) or only a lock (pre 1). A failed
 // creation takes no key, and only the objects really made are deleted.
 Row StoreObject(const char* fn, UINT32 pre, std::function<KSSTATUS(Fx&)> call) {
-    return {.fn = fn, .allocations = pre == 1 ? 1u : 2u, .noMemory = KsplOmErr(5),
+    return {.fn = fn, .allocations = pre == 1 ? 1u : 2u, .noMemory = KsplOmErr(KSPL_OM_CODE_NO_MEMORY),
             .clearsOut = true,
             .setup = [pre](Fx& f) {
                 f.om = Fx::MakeStore(2, 0, 1);
@@ -211,7 +211,7 @@ Row StoreObject(const char* fn, UINT32 pre, std::function<KSSTATUS(Fx&)> call) {
             .check = [pre](Fx& f, bool failed) {
                 PVOID found = nullptr;
                 EXPECT_TRUE(!failed || f.om->lpVtbl->FindObject(f.om, KeyArg(7), CompareItem, 0, 0,
-                                                                &found) == KsplOmErr(11));
+                                                                &found) == KsplOmErr(KSPL_OM_CODE_NOT_FOUND));
                 if (!failed) f.om->lpVtbl->DeleteObject(f.om, f.out, 0);
                 EXPECT_EQ(Fx::Info(f.om)->statsPreallocated, 0u);
                 EXPECT_EQ(Fx::Info(f.om)->statsInUse, pre);
@@ -225,24 +225,24 @@ KSSTATUS CreateObject(Fx& f) {
 }
 
 const Row kRows[] = {
-    Factory("KsplFactoryCreateInstance", CLSID_ZorvikKspl, IID_IZorvikKspl_1, KsplErr(5)),
-    Resource("KsoAllocMutex", KsplErr(1),
+    Factory("KsplFactoryCreateInstance", CLSID_ZorvikKspl, IID_IZorvikKspl_1, KsplErr(KSPL_CODE_NO_MEMORY)),
+    Resource("KsoAllocMutex", KsplErr(KSPL_CODE_FAILURE),
              [](Fx& f) { return f.v->KsoAllocMutex(f.k, 1, &f.out); }, KsoDestroyMutex),
-    Resource("KsoAllocSpinLock", KsplErr(1),
+    Resource("KsoAllocSpinLock", KsplErr(KSPL_CODE_FAILURE),
              [](Fx& f) { return f.v->KsoAllocSpinLock(f.k, &f.out); }, KsoDestroySpinLock),
-    Resource("KsoAllocReadWriteLock", KsplErr(1),
+    Resource("KsoAllocReadWriteLock", KsplErr(KSPL_CODE_FAILURE),
              [](Fx& f) { return f.v->KsoAllocReadWriteLock(f.k, &f.out); },
              KsoDestroyReadWriteLock),
-    Resource("KsoAllocEvent", KsplErr(1),
+    Resource("KsoAllocEvent", KsplErr(KSPL_CODE_FAILURE),
              [](Fx& f) { return f.v->KsoAllocEvent(f.k, KsoNotificationEvent, &f.out); },
              KsoDestroyEvent),
-    Resource("KsoAllocWorkItem", KsplErr(5),
+    Resource("KsoAllocWorkItem", KsplErr(KSPL_CODE_NO_MEMORY),
              [](Fx& f) { return f.v->KsoAllocWorkItem(f.k, Nop, nullptr, &f.out); },
              KsoDestroyWorkItem),
-    Resource("KsoAllocTimer", KsplErr(5),
+    Resource("KsoAllocTimer", KsplErr(KSPL_CODE_NO_MEMORY),
              [](Fx& f) { return f.v->KsoAllocTimer(f.k, Nop, nullptr, FALSE, &f.out); },
              KsoDestroyTimer),
-    Resource("KsoCreateThread", KsplErr(1),
+    Resource("KsoCreateThread", KsplErr(KSPL_CODE_FAILURE),
              [](Fx& f) {
                  return f.v->KsoCreateThread(f.k, KSO_PRIORITY_NORMAL, Nop, nullptr, &f.out);
              },
@@ -291,11 +291,11 @@ const Row kRows[] = {
      .check = [](Fx& f, bool failed) { EXPECT_EQ(f.result == 0xA5A5A5A5u, failed); }},
     // Stores.
     Factory("OMFactoryCreateInstance", CLSID_ObjectManagerDataStore, IID_ISCObjectManager_2,
-            KsplOmErr(5)),
+            KsplOmErr(KSPL_OM_CODE_NO_MEMORY)),
     // A store initialisation takes its lock, a work item for deferred
     // deletion, chains and two permanent blocks; a failed one leaves the
     // record as new, so that it initialises cleanly afterwards.
-    {.fn = "InternalInitialize", .allocations = 5, .noMemory = KsplOmErr(5),
+    {.fn = "InternalInitialize", .allocations = 5, .noMemory = KsplOmErr(KSPL_OM_CODE_NO_MEMORY),
      .setup = [](Fx& f) { f.om = NewStore(); },
      .call = [](Fx& f) { return InitStore(f.om); },
      .check = [](Fx& f, bool failed) {
@@ -314,7 +314,7 @@ const Row kRows[] = {
     }),
     // The first object of a security context makes the context's store:
     // its record, lock and chains, then the block and the object's lock.
-    {.fn = "SCObjectCreate", .allocations = 5, .noMemory = KsplOmErr(5), .clearsOut = true,
+    {.fn = "SCObjectCreate", .allocations = 5, .noMemory = KsplOmErr(KSPL_OM_CODE_NO_MEMORY), .clearsOut = true,
      .builtBy = "",
      .setup = [](Fx& f) {
          static GUID component = {0x5C0BA110, 0x1, 0x2, {1, 2, 3, 4, 5, 6, 7, 8}};

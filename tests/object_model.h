@@ -20,6 +20,7 @@
 
 #include "factory_int.h"
 #include "object_int.h"
+#include "support/wait_for.h"
 
 // The user area of every test store.
 struct Item {
@@ -71,15 +72,6 @@ inline IOM* NewStore(const GUID& iid = IID_IObjectManager_1) {
     IOM* om = nullptr;
     const UINT32 st = cf->lpVtbl->CreateInstance(cf, nullptr, &iid, reinterpret_cast<void**>(&om));
     return st == 0 ? om : nullptr;
-}
-
-// Polls for up to about 20 s; true once `done` holds.
-template <typename Pred>
-bool WaitFor(Pred done) {
-    for (int i = 0; i < 100000 && !done(); ++i) {
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-    return done();
 }
 
 // True once no deletion thread of the store has work left.

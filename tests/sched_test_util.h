@@ -8,6 +8,8 @@
 #include <vector>
 
 #include "ks_types.h"
+#include "kspl_status.h"
+#include "support/wait_for.h"
 
 // Whether a forked child of this (multi-threaded) process can start
 // threads. ThreadSanitizer cannot follow it (its thread registry still holds
@@ -22,19 +24,9 @@ inline bool ChildMayStartThreads() {
 #endif
 }
 
-// Polls `pred` every 200 us until it holds or `seconds` have passed (the
-// bound is generous: sanitizers and qemu-i386 are slow).
-template <class Pred>
-bool WaitFor(Pred pred, double seconds = 30.0) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-    return true;
-}
 
-constexpr KSSTATUS kBusy = 0xC7F11003u;         // pending, held or running: refused
+constexpr KSSTATUS kBusy =  // pending, held or running: refused
+    KS_MAKE_STATUS(3, KSPL_FACILITY, KSPL_CODE_BUSY);
 constexpr INT64 kLongWait = 30 * 1000 * 1000;  // in microseconds: only a lost wake-up reaches it
 
 // Routine (work item or timer) counting its runs in its context.

@@ -103,11 +103,11 @@ TEST_F(SCObjectTest, EndingAContextReleasesItsStore) {
     // enumeration.
     StatusCapture built;
     PVOID p = nullptr;
-    EXPECT_EQ(t->FindObject(m, Sc(10, 1), &key, SameKey, 0, 0, &p), KsplOmErr(9));
-    EXPECT_FALSE(built.WasBuilt(KsplOmErr(9)));
+    EXPECT_EQ(t->FindObject(m, Sc(10, 1), &key, SameKey, 0, 0, &p), KsplOmErr(KSPL_OM_CODE_NO_MORE));
+    EXPECT_FALSE(built.WasBuilt(KsplOmErr(KSPL_OM_CODE_NO_MORE)));
     ScanData scan{};
-    EXPECT_EQ(t->EnumerateObjects(m, Sc(10, 1), &scan, nullptr, nullptr, 0, &p), KsplOmErr(9));
-    EXPECT_TRUE(built.WasBuilt(KsplOmErr(9), "SCObjectEnumerate2"));
+    EXPECT_EQ(t->EnumerateObjects(m, Sc(10, 1), &scan, nullptr, nullptr, 0, &p), KsplOmErr(KSPL_OM_CODE_NO_MORE));
+    EXPECT_TRUE(built.WasBuilt(KsplOmErr(KSPL_OM_CODE_NO_MORE), "SCObjectEnumerate2"));
     // The held object outlives its context (and its store) until let go.
     SCHANDLE sc{};
     EXPECT_EQ(t->GetObjectSecurityContext(m, held, &sc), 0u);

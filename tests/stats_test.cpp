@@ -27,8 +27,8 @@ TEST_F(Statistics, SizeProtocolAndLayout) {
     // {size given, buffer given, status, size written back}; the last
     // successful call leaves its snapshot in the buffer.
     const std::tuple<UINT32, bool, KSSTATUS, UINT32> rows[] = {
-        {0, false, KsplErr(7), suggested},       {required - 1, true, KsplErr(7), suggested},
-        {0, true, KsplErr(4), 0},                {16, false, KsplErr(4), 16},
+        {0, false, KsplErr(KSPL_CODE_BUFFER_SMALL), suggested},       {required - 1, true, KsplErr(KSPL_CODE_BUFFER_SMALL), suggested},
+        {0, true, KsplErr(KSPL_CODE_INVALID_PARAM), 0},                {16, false, KsplErr(KSPL_CODE_INVALID_PARAM), 16},
         {suggested, true, 0, required},          {required, true, 0, required},
     };
     for (const auto& [given, withBuffer, status, after] : rows) {

@@ -99,7 +99,7 @@ TEST_F(StringTest, AppendFitsOrChangesNothing) {
         }
     }
     UNICODE_STRING dst = Record(u"ab", 10);
-    EXPECT_EQ(v->KsoAppendUnicodeStringToString(k, nullptr, &src), KsplErr(4));
+    EXPECT_EQ(v->KsoAppendUnicodeStringToString(k, nullptr, &src), KsplErr(KSPL_CODE_INVALID_PARAM));
     EXPECT_EQ(v->KsoAppendUnicodeToString(k, &dst, nullptr), 0u);
 }
 
@@ -122,8 +122,8 @@ TEST_F(StringTest, IntegerToText) {
                   status == 0 ? std::u16string(text) + end : u"");
     }
     UNICODE_STRING noBuffer{0, 20, nullptr};
-    EXPECT_EQ(v->KsoIntegerToUnicodeString(k, 7, 10, &noBuffer), KsplErr(7));
-    EXPECT_EQ(v->KsoIntegerToUnicodeString(k, 7, 10, nullptr), KsplErr(4));
+    EXPECT_EQ(v->KsoIntegerToUnicodeString(k, 7, 10, &noBuffer), KsplErr(KSPL_CODE_BUFFER_SMALL));
+    EXPECT_EQ(v->KsoIntegerToUnicodeString(k, 7, 10, nullptr), KsplErr(KSPL_CODE_INVALID_PARAM));
 }
 
 // Prefixes, signs, overflow clamped, trailing text; 64 bytes of text fit
@@ -139,8 +139,8 @@ TEST_F(StringTest, TextToInteger) {
         {u"0x1A", 0, 0, 26},   {u"010", 0, 0, 8},         {u"010", 10, 0, 10},
         {u"  +42", 10, 0, 42}, {u"\t-1", 10, 0, 0xFFFFFFFF}, {u"12abc", 10, 0, 12},
         {u"xyz", 10, 0, 0},    {u"4294967296", 10, 0, 0xFFFFFFFF}, {long64, 10, 0, 123},
-        {long65, 10, KsplErr(7), 12345}, {escaped, 10, KsplErr(7), 12345},
-        {u"", 10, KsplErr(4), 12345}};
+        {long65, 10, KsplErr(KSPL_CODE_BUFFER_SMALL), 12345}, {escaped, 10, KsplErr(KSPL_CODE_BUFFER_SMALL), 12345},
+        {u"", 10, KsplErr(KSPL_CODE_INVALID_PARAM), 12345}};
     for (auto [text, base, status, expected] : rows) {
         std::vector<WCHAR> w = Wide(text);
         UNICODE_STRING s{static_cast<UINT16>(2 * text.size()), 0, w.data()};
@@ -148,7 +148,7 @@ TEST_F(StringTest, TextToInteger) {
         EXPECT_EQ(v->KsoUnicodeStringToInteger(k, &s, base, &value), status);
         EXPECT_EQ(value, expected) << ::testing::PrintToString(std::u16string(text));
     }
-    EXPECT_EQ(v->KsoUnicodeStringToInteger(k, nullptr, 10, nullptr), KsplErr(4));
+    EXPECT_EQ(v->KsoUnicodeStringToInteger(k, nullptr, 10, nullptr), KsplErr(KSPL_CODE_INVALID_PARAM));
 }
 
 }  // namespace

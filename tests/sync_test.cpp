@@ -94,3 +94,128 @@ TEST_F(Locks, BadInputsGetTheirStatus) {
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------------------
+// Mutual exclusion under contention: N threads (the parameter) start
+// together and update plain, non-atomic state under each lock kind. A lock
+// that lets two holders in loses increments or breaks the readers'
+// invariant; under ThreadSanitizer it also shows as a data race.
+
+#include <algorithm>
+#include <barrier>
+
+namespace {
+
+constexpr int kRounds = 1000;  // per thread; enough to interleave, short under qemu-i386
+
+class Contention : public KsplTest, public ::testing::WithParamInterface<int> {
+protected:
+    // Runs body(i) on GetParam() threads released at once.
+    template <typename Body>
+    void RunTogether(Body body) {
+        const int n = GetParam();
+        std::barrier start(n);
+        std::vector<std::thread> threads;
+        for (int i = 0; i < n; ++i) {
+            threads.emplace_back([&, i] {
+                start.arrive_and_wait();
+                body(i);
+            });
+        }
+        for (auto& t : threads) t.join();
+    }
+};
+
+// The read and the write of the counter are split by a yield now and then,
+// so that a second holder inside the section would overwrite an update.
+inline void SlowIncrement(UINT64* counter, int round) {
+    UINT64 seen = *counter;
+    if (round % 64 == 0) std::this_thread::yield();
+    *counter = seen + 1;
+}
+
+TEST_P(Contention, EveryLockKindCountsEveryIncrement) {
+    HANDLE mutex = nullptr, spin = nullptr, rw = nullptr;
+    ASSERT_EQ(v->KsoAllocMutex(k, 0, &mutex), 0u);
+    ASSERT_EQ(v->KsoAllocSpinLock(k, &spin), 0u);
+    ASSERT_EQ(v->KsoAllocReadWriteLock(k, &rw), 0u);
+    UINT64 byMutex = 0, bySpin = 0, byRw = 0;
+    std::atomic<int> failures{0};
+    RunTogether([&](int) {
+        for (int r = 0; r < kRounds; ++r) {
+            if (v->KsoAcquireMutex(k, mutex) != 0) ++failures;
+            SlowIncrement(&byMutex, r);
+            if (v->KsoReleaseMutex(k, mutex) != 0) ++failures;
+
+            KSSPIN_STATE state = 0;
+            if (v->KsoAcquireSpinLock(k, spin, &state) != 0) ++failures;
+            SlowIncrement(&bySpin, r);
+            if (v->KsoReleaseSpinLock(k, spin, state) != 0) ++failures;
+
+            if (v->KsoAcquireLockForWriteAccess(k, rw, TRUE) != 0) ++failures;
+            SlowIncrement(&byRw, r);
+            if (v->KsoReleaseReadWriteLock(k, rw) != 0) ++failures;
+        }
+    });
+    const UINT64 expected = static_cast<UINT64>(GetParam()) * kRounds;
+    EXPECT_EQ(failures.load(), 0);
+    EXPECT_EQ(byMutex, expected);
+    EXPECT_EQ(bySpin, expected);
+    EXPECT_EQ(byRw, expected);
+    // Destroy succeeds only on a free lock: nobody was left holding one.
+    EXPECT_EQ(v->KsoDestroyMutex(k, mutex), 0u);
+    EXPECT_EQ(v->KsoDestroySpinLock(k, spin), 0u);
+    EXPECT_EQ(v->KsoDestroyReadWriteLock(k, rw), 0u);
+}
+
+// Half the threads (at least one) write, the rest read. A writer keeps
+// low == high but passes through a state where they differ; a reader that
+// ever sees them differ was let in beside a writer. Readers also check that
+// the state only moves forward, which a torn or reordered view would break.
+TEST_P(Contention, ReadersNeverSeeAHalfWrittenPair) {
+    HANDLE rw = nullptr;
+    ASSERT_EQ(v->KsoAllocReadWriteLock(k, &rw), 0u);
+    struct {
+        UINT64 low = 0;
+        UINT64 high = 0;
+    } pair;
+    const int writers = std::max(1, GetParam() / 2);
+    std::atomic<int> failures{0}, torn{0}, backwards{0};
+    std::atomic<long> reads{0};
+    RunTogether([&](int i) {
+        if (i < writers) {
+            for (int r = 0; r < kRounds; ++r) {
+                if (v->KsoAcquireLockForWriteAccess(k, rw, TRUE) != 0) ++failures;
+                ++pair.low;
+                if (r % 32 == 0) std::this_thread::yield();
+                ++pair.high;
+                if (v->KsoReleaseReadWriteLock(k, rw) != 0) ++failures;
+            }
+            return;
+        }
+        UINT64 last = 0;
+        for (int r = 0; r < kRounds; ++r) {
+            if (v->KsoAcquireLockForReadAccess(k, rw, TRUE) != 0) ++failures;
+            const UINT64 low = pair.low, high = pair.high;
+            if (v->KsoReleaseReadWriteLock(k, rw) != 0) ++failures;
+            if (low != high) ++torn;
+            if (low < last) ++backwards;
+            last = low;
+            ++reads;
+        }
+    });
+    EXPECT_EQ(failures.load(), 0);
+    EXPECT_EQ(torn.load(), 0);
+    EXPECT_EQ(backwards.load(), 0);
+    EXPECT_EQ(reads.load(), static_cast<long>(GetParam() - writers) * kRounds);
+    EXPECT_EQ(pair.low, static_cast<UINT64>(writers) * kRounds);
+    EXPECT_EQ(pair.high, pair.low);
+    EXPECT_EQ(v->KsoDestroyReadWriteLock(k, rw), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Threads, Contention, ::testing::Values(2, 4, 8),
+                         [](const ::testing::TestParamInfo<int>& info) {
+                             return std::to_string(info.param);
+                         });
+
+}  // namespace

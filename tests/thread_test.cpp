@@ -69,14 +69,14 @@ TEST_F(Threads, EveryEndingReachesTheWaitersAndTheCount) {
         // itself is never reached), leaving the count and nulling the handle.
         const ULONG savedMax = g_KsplMaxThreads;
         g_KsplMaxThreads = static_cast<ULONG>(Running() + 1);
-        EXPECT_EQ(v->KsoCreateThread(k, KSO_PRIORITY_NORMAL, Routine, &s, &refused), KsplErr(5));
+        EXPECT_EQ(v->KsoCreateThread(k, KSO_PRIORITY_NORMAL, Routine, &s, &refused), KsplErr(KSPL_CODE_NO_MEMORY));
         g_KsplMaxThreads = savedMax;
         EXPECT_EQ(refused, nullptr);
         EXPECT_EQ(Running(), before + 1);
         EXPECT_EQ(v->KsoDestroyThread(k, t), kBusy);
         EXPECT_EQ(v->KsoGetThreadExitStatus(k, t), kBusy);
-        EXPECT_EQ(v->KsoWaitForThreadExit(k, t, 50000), KsplErr(10));
-        EXPECT_EQ(v->KsoSetThreadPriority(k, t, static_cast<KSO_PRIORITY>(3)), KsplErr(4));
+        EXPECT_EQ(v->KsoWaitForThreadExit(k, t, 50000), KsplErr(KSPL_CODE_TIMEOUT));
+        EXPECT_EQ(v->KsoSetThreadPriority(k, t, static_cast<KSO_PRIORITY>(3)), KsplErr(KSPL_CODE_INVALID_PARAM));
         EXPECT_EQ(v->KsoSetThreadPriority(k, t, KSO_PRIORITY_REALTIME), 0u);
         std::thread waiter([&] { EXPECT_EQ(v->KsoWaitForThreadExit(k, t, kLongWait), 0u); });
         s.go = true;
@@ -94,17 +94,17 @@ TEST_F(Threads, BadInputsGetTheirStatus) {
     KSO_THREAD_HANDLE cleared{};
     StatusCapture statuses;
     HANDLE h = nullptr;
-    EXPECT_EQ(v->KsoCreateThread(nullptr, KSO_PRIORITY_IDLE, Routine, &s, &h), KsplErr(4));
-    EXPECT_EQ(v->KsoCreateThread(k, KSO_PRIORITY_IDLE, nullptr, &s, &h), KsplErr(4));
-    EXPECT_EQ(v->KsoCreateThread(k, static_cast<KSO_PRIORITY>(3), Routine, &s, &h), KsplErr(4));
+    EXPECT_EQ(v->KsoCreateThread(nullptr, KSO_PRIORITY_IDLE, Routine, &s, &h), KsplErr(KSPL_CODE_INVALID_PARAM));
+    EXPECT_EQ(v->KsoCreateThread(k, KSO_PRIORITY_IDLE, nullptr, &s, &h), KsplErr(KSPL_CODE_INVALID_PARAM));
+    EXPECT_EQ(v->KsoCreateThread(k, static_cast<KSO_PRIORITY>(3), Routine, &s, &h), KsplErr(KSPL_CODE_INVALID_PARAM));
     for (HANDLE bad : {HANDLE{nullptr}, HANDLE{&event}, HANDLE{&cleared}}) {
-        EXPECT_EQ(v->KsoDestroyThread(k, bad), KsplErr(3));
-        EXPECT_EQ(v->KsoGetThreadExitStatus(k, bad), KsplErr(3));
-        EXPECT_EQ(v->KsoSetThreadPriority(k, bad, KSO_PRIORITY_NORMAL), KsplErr(3));
-        EXPECT_EQ(v->KsoWaitForThreadExit(k, bad, 0), KsplErr(3));
+        EXPECT_EQ(v->KsoDestroyThread(k, bad), KsplErr(KSPL_CODE_INVALID_HANDLE));
+        EXPECT_EQ(v->KsoGetThreadExitStatus(k, bad), KsplErr(KSPL_CODE_INVALID_HANDLE));
+        EXPECT_EQ(v->KsoSetThreadPriority(k, bad, KSO_PRIORITY_NORMAL), KsplErr(KSPL_CODE_INVALID_HANDLE));
+        EXPECT_EQ(v->KsoWaitForThreadExit(k, bad, 0), KsplErr(KSPL_CODE_INVALID_HANDLE));
         v->KsoExitThread(k, bad, 1, TRUE);  // not a thread: the caller goes on
     }
-    EXPECT_TRUE(statuses.WasBuilt(KsplErr(3), "KsoWaitForThreadExit"));
+    EXPECT_TRUE(statuses.WasBuilt(KsplErr(KSPL_CODE_INVALID_HANDLE), "KsoWaitForThreadExit"));
 }
 
 }  // namespace

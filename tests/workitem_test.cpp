@@ -47,15 +47,15 @@ TEST_F(WorkItems, BadInputsGetTheirStatus) {
     KsoHandleHeader timer{};
     timer.Signature = kSigTimer;
     HANDLE h = nullptr;
-    EXPECT_EQ(v->KsoAllocWorkItem(bad, CountRoutine, nullptr, &h), KsplErr(4));
-    EXPECT_EQ(v->KsoAllocWorkItem(k, nullptr, nullptr, &h), KsplErr(4));
-    EXPECT_EQ(v->KsoAllocWorkItem(k, CountRoutine, nullptr, nullptr), KsplErr(4));
+    EXPECT_EQ(v->KsoAllocWorkItem(bad, CountRoutine, nullptr, &h), KsplErr(KSPL_CODE_INVALID_PARAM));
+    EXPECT_EQ(v->KsoAllocWorkItem(k, nullptr, nullptr, &h), KsplErr(KSPL_CODE_INVALID_PARAM));
+    EXPECT_EQ(v->KsoAllocWorkItem(k, CountRoutine, nullptr, nullptr), KsplErr(KSPL_CODE_INVALID_PARAM));
     ASSERT_EQ(v->KsoAllocWorkItem(k, CountRoutine, nullptr, &h), 0u);
-    EXPECT_EQ(v->KsoScheduleWorkItem(nullptr, h, KSO_PRIORITY_NORMAL), KsplErr(3));
-    EXPECT_EQ(v->KsoScheduleWorkItem(k, &timer, KSO_PRIORITY_NORMAL), KsplErr(3));
-    EXPECT_EQ(v->KsoScheduleWorkItem(k, h, static_cast<KSO_PRIORITY>(3)), KsplErr(4));
-    EXPECT_EQ(v->KsoDestroyWorkItem(bad, h), KsplErr(3));
-    EXPECT_EQ(v->KsoDestroyWorkItem(k, nullptr), KsplErr(3));
+    EXPECT_EQ(v->KsoScheduleWorkItem(nullptr, h, KSO_PRIORITY_NORMAL), KsplErr(KSPL_CODE_INVALID_HANDLE));
+    EXPECT_EQ(v->KsoScheduleWorkItem(k, &timer, KSO_PRIORITY_NORMAL), KsplErr(KSPL_CODE_INVALID_HANDLE));
+    EXPECT_EQ(v->KsoScheduleWorkItem(k, h, static_cast<KSO_PRIORITY>(3)), KsplErr(KSPL_CODE_INVALID_PARAM));
+    EXPECT_EQ(v->KsoDestroyWorkItem(bad, h), KsplErr(KSPL_CODE_INVALID_HANDLE));
+    EXPECT_EQ(v->KsoDestroyWorkItem(k, nullptr), KsplErr(KSPL_CODE_INVALID_HANDLE));
     EXPECT_EQ(v->KsoDestroyWorkItem(k, h), 0u) << "refused schedules queue nothing";
 }
 

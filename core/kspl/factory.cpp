@@ -8,7 +8,6 @@
 // holder, since the switch changes what every holder sees.
 #include "factory_int.h"
 
-#include "linux/instance_int.h"
 #include "object_int.h"
 #include "scobject_int.h"
 
@@ -25,7 +24,8 @@ UINT32 GlobalIncrement(UINT32* counter) {
 }
 UINT32 GlobalDecrement(UINT32* counter) {
     IKspl* k = pIKspl;
-    return k != nullptr ? k->lpVtbl->KsoInterlockedDecrement(k, counter) : KsAtomicSub(counter, 1u);
+    return k != nullptr ? k->lpVtbl->KsoInterlockedDecrement(k, counter)
+                        : KsAtomicSubChecked(counter, 1u);
 }
 
 UINT32 OMFactoryAddRef(void* pThis) {

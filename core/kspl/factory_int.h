@@ -1,7 +1,6 @@
 // factory_int.h - the object-manager class factory.
 #pragma once
 #include "kspl_internal.h"
-#include "linux/instance_int.h"
 
 // The static factory record, for the life of the module.
 extern CFInstance IOmClassFactory;

@@ -5,6 +5,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 
@@ -131,7 +132,10 @@ inline INT32 KsAtomicAdd(INT32* p, INT32 delta) {
 inline void KsCounterAdd(UINT32* p, UINT32 delta) {
     __atomic_store_n(p, __atomic_load_n(p, __ATOMIC_RELAXED) + delta, __ATOMIC_RELAXED);
 }
-inline UINT32 KsAtomicLoad(const UINT32* p) { return __atomic_load_n(p, __ATOMIC_RELAXED); }
+// Reads of those counters take the same order as the writes (sequentially
+// consistent): a count read after a change this thread saw is never older.
+// On x86 this costs a plain load.
+inline UINT32 KsAtomicLoad(const UINT32* p) { return __atomic_load_n(p, __ATOMIC_SEQ_CST); }
 inline INT32 KsAtomicLoad(const INT32* p) { return __atomic_load_n(p, __ATOMIC_SEQ_CST); }
 
 // Failures are built where they are detected. Each source file names its
@@ -144,14 +148,58 @@ inline INT32 KsAtomicLoad(const INT32* p) { return __atomic_load_n(p, __ATOMIC_S
 #define KSPL_STATUS(code) KSPL_STATUS_AS(KSPL_FACILITY, (code), __func__)
 #define KSPL_OM_STATUS(code) KSPL_STATUS_AS(KSPL_OM_FACILITY, (code), __func__)
 
-// Scoped pthread mutex ownership; not copyable.
+// Scoped pthread mutex ownership; not copyable. release() gives the mutex
+// back early, for the path where what follows frees the record holding it.
 class KsMutexGuard {
 public:
     explicit KsMutexGuard(pthread_mutex_t* m) : m_(m) { pthread_mutex_lock(m_); }
-    ~KsMutexGuard() { pthread_mutex_unlock(m_); }
+    ~KsMutexGuard() {
+        if (m_ != nullptr) pthread_mutex_unlock(m_);
+    }
+    void release() {
+        KS_DCHECK(m_ != nullptr);
+        pthread_mutex_unlock(m_);
+        m_ = nullptr;
+    }
     KsMutexGuard(const KsMutexGuard&) = delete;
     KsMutexGuard& operator=(const KsMutexGuard&) = delete;
 
 private:
     pthread_mutex_t* m_;
 };
+
+// For KS_DCHECK of a "lock held" rule: true when the mutex is locked by some
+// thread. Cannot tell which one, so it catches a caller that forgot the lock
+// (the common fault), not one that relies on another thread's hold.
+inline bool KsMutexIsLocked(pthread_mutex_t* m) {
+    if (pthread_mutex_trylock(m) != 0) return true;
+    pthread_mutex_unlock(m);
+    return false;
+}
+
+// Counter decrement that must never pass below zero (a double release or a
+// destroy of something never counted).
+inline UINT32 KsAtomicSubChecked(UINT32* p, UINT32 delta) {
+    UINT32 before = __atomic_fetch_sub(p, delta, __ATOMIC_SEQ_CST);
+    KS_DCHECK(before >= delta);
+    return before - delta;
+}
+
+// ---------------------------------------------------------------------------
+// Shared by the instance code and the object-manager class factories.
+
+// The static class-factory record of both class factories.
+struct CFInstance {
+    const ORLM_IClassFactoryVtbl* lpVtbl;
+    UINT32 cReference;
+    UINT32 cLock;
+};
+
+inline bool KsGuidEqual(const GUID* a, const GUID* b) {
+    return a != nullptr && b != nullptr && __builtin_memcmp(a, b, sizeof(GUID)) == 0;
+}
+
+// The library's single path to the system log (dbg.cpp); every diagnostic
+// of every module goes through these.
+void KsplLog(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void KsplLogV(int priority, const char* format, va_list args);

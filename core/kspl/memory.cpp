@@ -29,7 +29,7 @@
 #include <cstring>
 
 #include "linklist_int.h"
-#include "linux/dbg_int.h"
+#include "memory_int.h"
 #include "sysalloc_int.h"
 
 #if defined(__SANITIZE_ADDRESS__)

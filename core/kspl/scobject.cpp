@@ -16,7 +16,6 @@
 // thread needs to finish with that object.
 #include "scobject_int.h"
 
-#include "linux/instance_int.h"
 #include "object_int.h"
 
 KSPL_SOURCE_UNIT("scobject");
@@ -176,8 +175,10 @@ UINT32 SCObjectAddRef(void* pThis) {
 
 UINT32 SCObjectRelease(void* pThis) {
     SCObjectInfo* soi = SCInfo(pThis);
-    pIKspl->lpVtbl->KsoInterlockedDecrement(pIKspl, &g_ulCount);
+    const UINT32 live = pIKspl->lpVtbl->KsoInterlockedDecrement(pIKspl, &g_ulCount);
     UINT32 remaining = pIKspl->lpVtbl->KsoInterlockedDecrement(pIKspl, &soi->cReference);
+    // Neither count wraps: a release without its reference stops here.
+    KS_DCHECK(live != ~0u && remaining != ~0u);
     if (remaining != 0) return remaining;
     if (soi->pISA != nullptr) {
         // Deregistering removes this manager's attribute from every context,

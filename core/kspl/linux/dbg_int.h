@@ -5,9 +5,6 @@
 
 #include "../kspl_internal.h"
 
-void KsplLog(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
-void KsplLogV(int priority, const char* format, va_list args);
-
 // Test hook: when set, every message is also handed, formatted, to the hook
 // (whatever the system log mask says). Not exported from kspl.so.
 using KsplLogHook = void (*)(int priority, const char* text);

@@ -1,13 +1,6 @@
 // instance_int.h - IKspl instances, their class factory and the registry.
 #pragma once
-#include "../kspl_internal.h"
-
-// The static class-factory record shared by both class factories.
-struct CFInstance {
-    const ORLM_IClassFactoryVtbl* lpVtbl;
-    UINT32 cReference;
-    UINT32 cLock;
-};
+#include "kspl_internal.h"
 
 extern CFInstance IKsplClassFactory;
 extern const IKsplVtbl vtKspl;
@@ -29,7 +22,3 @@ UINT32 KsplFactoryLockServer(void* This, BOOLEAN fLock);
 // them back.
 void KsplInstancesForkPrepare(void);
 void KsplInstancesForkRelease(void);
-
-inline bool KsGuidEqual(const GUID* a, const GUID* b) {
-    return a != nullptr && b != nullptr && __builtin_memcmp(a, b, sizeof(GUID)) == 0;
-}

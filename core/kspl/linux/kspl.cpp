@@ -9,29 +9,39 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "../hash_int.h"
-#include "../linklist_int.h"
-#include "../memory_int.h"
-#include "../stats_int.h"
-#include "../sysalloc_int.h"
 #include "config_int.h"
 #include "dbg_int.h"
+#include "hash_int.h"
 #include "instance_int.h"
+#include "linklist_int.h"
 #include "locale_int.h"
+#include "memory_int.h"
 #include "schedule_int.h"
+#include "stats_int.h"
 #include "stdio_int.h"
 #include "string_int.h"
 #include "sync_int.h"
+#include "sysalloc_int.h"
 #include "thread_int.h"
 #include "time_int.h"
 
 KSPL_SOURCE_UNIT("kspl");
 
-namespace {
-inline KsplObjInfo* InstanceFromLink(PLIST_ENTRY link) {
-    return reinterpret_cast<KsplObjInfo*>(reinterpret_cast<char*>(link) - offsetof(KsplObjInfo, Link));
-}
-}  // namespace
+// Layouts that casts rely on. A resource handle is read as a KsoHandleHeader
+// (KsplHandleIs) whatever its kind, so every record starts with one; a
+// tracked block's list link is the block header itself; an IKspl pointer is
+// the instance record (the registry reaches it through KsContainerOf).
+static_assert(offsetof(KsoHandleHeader, Link) == 0 && offsetof(KsoHandleHeader, Link2) ==
+                                                          sizeof(LIST_ENTRY),
+              "handle header: links first");
+static_assert(offsetof(KSO_MUTEX_HANDLE, Header) == 0 && offsetof(KSO_SPINLOCK_HANDLE, Header) == 0 &&
+                  offsetof(KSO_LOCK_HANDLE, Header) == 0 && offsetof(KSO_EVENT_HANDLE, Header) == 0 &&
+                  offsetof(KSO_WORK_ITEM_HANDLE, Header) == 0 &&
+                  offsetof(KSO_TIMER_HANDLE, Header) == 0,
+              "every resource record begins with the handle header");
+static_assert(offsetof(KSO_MEM_HANDLE, Link) == 0, "a block's list link is its header");
+static_assert(offsetof(MY_EVENT_LIST_ENTRY, MasterEntry) == 0, "registration: master link first");
+static_assert(offsetof(KsplObjInfo, lpVtbl) == 0, "instance record: table first");
 
 // InterfaceMutex guards InterfaceList and InterfaceCount.
 LIST_ENTRY InterfaceList = {&InterfaceList, &InterfaceList};
@@ -162,7 +172,7 @@ UINT32 KsplFactoryLockServer(void* This, BOOLEAN fLock) {
     if (fLock == 1) {
         KsAtomicAdd(&cf->cLock, 1u);
     } else {
-        KsAtomicSub(&cf->cLock, 1u);
+        KsAtomicSubChecked(&cf->cLock, 1u);
     }
     return 0;
 }
@@ -211,13 +221,14 @@ UINT32 KsplAddReference(IKspl* pThis) { return KsAtomicAdd(&KsplInfo(pThis)->cRe
 
 UINT32 KsplReleaseReference(IKspl* pThis) {
     KsplObjInfo* info = KsplInfo(pThis);
-    UINT32 remaining = KsAtomicSub(&info->cReference, 1u);
+    UINT32 remaining = KsAtomicSubChecked(&info->cReference, 1u);
     if (remaining != 0) return remaining;
 
     // Final release. Resources still counted on the instance stay alive; the
     // caller was required to release them first.
     {
         KsMutexGuard guard(&InterfaceMutex);
+        KS_DCHECK(InterfaceCount > 0);
         KsListRemove(&info->Link);
         --InterfaceCount;
     }
@@ -236,7 +247,7 @@ UINT32 KsplReleaseReference(IKspl* pThis) {
 void KsplInstancesForkPrepare(void) {
     pthread_mutex_lock(&InterfaceMutex);
     for (PLIST_ENTRY link = InterfaceList.Flink; link != &InterfaceList; link = link->Flink) {
-        KsplObjInfo* info = InstanceFromLink(link);
+        KsplObjInfo* info = KsContainerOf(link, KsplObjInfo, Link);
         pthread_mutex_lock(&info->ProtectionMutex);
         pthread_mutex_lock(&info->ProtectionSpinLock);
     }
@@ -244,7 +255,7 @@ void KsplInstancesForkPrepare(void) {
 
 void KsplInstancesForkRelease(void) {
     for (PLIST_ENTRY link = InterfaceList.Flink; link != &InterfaceList; link = link->Flink) {
-        KsplObjInfo* info = InstanceFromLink(link);
+        KsplObjInfo* info = KsContainerOf(link, KsplObjInfo, Link);
         pthread_mutex_unlock(&info->ProtectionSpinLock);
         pthread_mutex_unlock(&info->ProtectionMutex);
     }

@@ -16,9 +16,9 @@
 #include <ctime>
 #include <limits>
 
-#include "../linklist_int.h"
-#include "../memory_int.h"
 #include "dbg_int.h"
+#include "linklist_int.h"
+#include "memory_int.h"
 #include "schedule_int.h"
 #include "stdio_int.h"
 
@@ -47,8 +47,7 @@ bool g_forkHandlersRegistered = false;
 const pthread_cond_t kFreshCond = PTHREAD_COND_INITIALIZER;
 
 inline KSO_WORK_ITEM_HANDLE* ItemOf(PLIST_ENTRY entry) {
-    return reinterpret_cast<KSO_WORK_ITEM_HANDLE*>(reinterpret_cast<char*>(entry) -
-                                                   offsetof(KSO_WORK_ITEM_HANDLE, schedQueue));
+    return KsContainerOf(entry, KSO_WORK_ITEM_HANDLE, schedQueue);
 }
 
 inline bool ItemPending(KSO_WORK_ITEM_HANDLE* item) {
@@ -60,6 +59,7 @@ inline void SetItemPending(KSO_WORK_ITEM_HANDLE* item, bool pending) {
 
 // Starts the pool's workers. REQUIRES: g_poolMutex is held.
 void StartWorkers() {
+    KS_DCHECK(KsMutexIsLocked(&g_poolMutex));
     for (int i = 0; i < kKsplWorkItemThreadSlots; ++i) {
         WorkItemThreadObj* obj = &g_KsplWorkItemThreads[i];
         {
@@ -118,6 +118,7 @@ void* KsplWorkItemThread(void* pThreadObj) {
             PLIST_ENTRY entry = g_KsplWorkItemQueue.listHead.Flink;
             KsListRemove(entry);  // leaves the removed-entry marker in both links
             KSO_WORK_ITEM_HANDLE* item = ItemOf(entry);
+            KS_DCHECK(item->Header.Signature == kSigWorkItem && ItemPending(item));
             // Read before the item stops being pending: from then on its
             // owner may destroy it.
             PKSO_WORK_ITEM_ROUTINE routine = item->pCallerRoutine;
@@ -174,6 +175,9 @@ KSSTATUS KsoScheduleWorkItem(IKspl* pThis, HANDLE hWorkItem, KSO_PRIORITY Priori
     {
         KsMutexGuard guard(&g_KsplWorkItemQueue.mutex);
         if (ItemPending(item)) goto busy;  // queued at most once at a time
+        // Not pending, so on no list: its links are fresh or the removal marker.
+        KS_DCHECK(item->schedQueue.Flink == nullptr ||
+                  item->schedQueue.Flink == reinterpret_cast<PLIST_ENTRY>(KS_LIST_REMOVED_MARKER));
         SetItemPending(item, true);
         KsListInsertTail(&g_KsplWorkItemQueue.listHead, &item->schedQueue);
         INT32 n = KsAtomicLoad(&g_KsplNumWorkItemThreads);
@@ -207,7 +211,7 @@ KSSTATUS KsoDestroyWorkItem(IKspl* pThis, HANDLE hWork) {
     }
     IKspl* owner = KsplRecordOwner(item);
     if (owner == nullptr) return KsoFreeMemory(pThis, item);  // refused: not a tracked block
-    KsAtomicSub(&KsplInfo(owner)->WorkItemInUse, 1u);
+    KsAtomicSubChecked(&KsplInfo(owner)->WorkItemInUse, 1u);
     KsoZeroMemory(owner, item, sizeof(*item));
     return KsoFreeMemory(owner, item);
 }
@@ -270,6 +274,7 @@ void KsplRestartPoolsIfForked() {
 }
 
 void KsplScheduleForkChild() {
+    KS_DCHECK(KsMutexIsLocked(&g_poolMutex) && KsMutexIsLocked(&g_KsplWorkItemQueue.mutex));
     // Only the forking thread exists here, and it holds every scheduling
     // lock (taken by the prepare handler): the lists are consistent. The
     // conditions may still record waiters of the parent: start them afresh.

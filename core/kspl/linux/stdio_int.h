@@ -1,6 +1,6 @@
 // stdio_int.h - memory utilities and string lengths.
 #pragma once
-#include "../kspl_internal.h"
+#include "kspl_internal.h"
 
 UINT32 KsoCompareMemory(IKspl* pThis, PVOID pMemory1, PVOID pMemory2, UINT32 Length);
 void KsoCopyMemory(IKspl* pThis, PVOID pDest, PVOID pSrc, UINT32 Length);

@@ -11,10 +11,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "../sysalloc_int.h"
 #include "locale_int.h"
 #include "stdio_int.h"
 #include "string_int.h"
+#include "sysalloc_int.h"
 
 KSPL_SOURCE_UNIT("string");
 

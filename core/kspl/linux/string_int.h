@@ -1,6 +1,6 @@
 // string_int.h - counted strings.
 #pragma once
-#include "../kspl_internal.h"
+#include "kspl_internal.h"
 
 void KsoInitString(IKspl* pThis, PSTRING pDestString, PCHAR pSrcString);
 void KsoInitUnicodeString(IKspl* pThis, PUNICODE_STRING pDestStringU, PWCHAR pSrcStringW);

@@ -48,7 +48,8 @@ thread_local ThreadFrame* t_frame = nullptr;
 KSSTATUS MarkEnded(KSO_THREAD_HANDLE* t, bool setStatus, KSSTATUS status) {
     pthread_mutex_lock(&t->mutex);
     if (LoadRoutine(t) != nullptr) {
-        KsAtomicAdd(&g_KsplCurrentThreads, -1);
+        const INT32 left = KsAtomicAdd(&g_KsplCurrentThreads, -1);
+        KS_DCHECK(left >= 0);  // each thread leaves the count exactly once
         if (setStatus) t->status = status;
         __atomic_store_n(&t->pCallerThreadRoutine, nullptr, __ATOMIC_RELEASE);
         pthread_cond_broadcast(&t->condition);

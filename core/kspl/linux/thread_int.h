@@ -1,6 +1,6 @@
 // thread_int.h - threads created for clients.
 #pragma once
-#include "../kspl_internal.h"
+#include "kspl_internal.h"
 
 // Describes one client thread and outlives it. Unlike the other resource
 // records it has no list links: the signature comes first.
