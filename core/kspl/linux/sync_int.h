@@ -10,6 +10,9 @@
 struct KSO_MUTEX_HANDLE {
     KsoHandleHeader Header;  // 'MUTX'; links unused
     pthread_mutex_t mutex;   // PTHREAD_MUTEX_RECURSIVE_NP
+    // The holding thread, 0 when free (atomic). Written only by the holder,
+    // so a thread that reads its own id holds the mutex.
+    pthread_t owner;
 };
 
 // Non-recursive blocking lock; no busy-waiting despite the name.
