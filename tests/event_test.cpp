@@ -104,6 +104,50 @@ TEST_F(Events, WaitResultsAndStatuses) {
     EXPECT_EQ(State(a) + State(b), 0u);
 }
 
+// A wait-all cycle waits up to the whole timeout from its own start: events
+// that come closer together than the timeout satisfy the wait however long
+// it takes altogether; a gap longer than the timeout ends it with code 10,
+// the events seen so far consumed and every registration gone.
+TEST_F(Events, WaitAllGivesEveryCycleTheFullTimeout) {
+    using Clock = std::chrono::steady_clock;
+    using std::chrono::milliseconds;
+    HANDLE a = New(Sync), b = New(Sync);
+    constexpr INT64 kTimeoutUs = 1000000;
+    // Each gap is 60% of the timeout; the wait as a whole lasts 120% of it.
+    auto start = Clock::now();
+    std::thread signaller([&] {
+        ASSERT_TRUE(WaitFor([&] { return Waiters(a) == 1 && Waiters(b) == 1; }));
+        std::this_thread::sleep_for(milliseconds(600));
+        Signal(b);
+        // The waiter's pass has dropped b's registration: its next cycle
+        // starts no earlier than this.
+        ASSERT_TRUE(WaitFor([&] { return Waiters(b) == 0; }));
+        std::this_thread::sleep_for(milliseconds(600));
+        Signal(a);
+    });
+    EXPECT_EQ(Multi({a, b}, TRUE, kTimeoutUs), 0u);
+    EXPECT_GE(Clock::now() - start, milliseconds(1200));
+    signaller.join();
+    EXPECT_EQ(State(a) + State(b), 0u);
+
+    // The second event never comes: the first one restarted the clock, so
+    // the call lasts its gap plus a whole timeout.
+    StatusCapture statuses;
+    constexpr INT64 kShortUs = 400000;
+    start = Clock::now();
+    std::thread first([&] {
+        ASSERT_TRUE(WaitFor([&] { return Waiters(a) == 1 && Waiters(b) == 1; }));
+        std::this_thread::sleep_for(milliseconds(200));
+        Signal(a);
+    });
+    EXPECT_EQ(Multi({a, b}, TRUE, kShortUs), KsplErr(KSPL_CODE_TIMEOUT));
+    EXPECT_GE(Clock::now() - start, milliseconds(600));
+    first.join();
+    EXPECT_TRUE(statuses.WasBuilt(KsplErr(KSPL_CODE_TIMEOUT), "KsoWaitForMultipleEvents"));
+    EXPECT_EQ(State(a), 0u) << "consumed by the wait that then timed out";
+    EXPECT_EQ(Waiters(a) + Waiters(b), 0u);
+}
+
 TEST_F(Events, BadInputsGetTheirStatus) {
     HANDLE a = New(Sync), b = New(Sync);
     HANDLE mutex = nullptr;

@@ -4,6 +4,7 @@
 // with firing. (Timers across fork and stop: with the work-item pool, in
 // workitem_test.)
 #include <algorithm>
+#include <mutex>
 #include <random>
 
 #include "kspl_test.h"
@@ -128,6 +129,104 @@ TEST_F(Timers, DeltaListKeepsDueTimesThroughMergesAndRemovals) {
     }
     for (KSO_TIMER_HANDLE* x : model) KsplRemoveFromTimerQue(x);
     EXPECT_EQ(g_KsplCurrentTimers, 0u);
+}
+
+// Time advances for the timers only while the timer thread sleeps. A
+// routine that runs 300 ms schedules three timers 3, 6 and 9 ticks ahead
+// and one that re-arms itself every tick: after it returns, they fire in
+// order, once each, spaced by their ticks, and the re-arming one at most
+// once per tick slept. Counting the routine's time would fire them all in
+// a burst as soon as it returns.
+struct SlowTick {
+    using Clock = std::chrono::steady_clock;
+    IKspl* k = nullptr;
+    HANDLE later[3] = {};
+    HANDLE every = nullptr;
+    std::mutex mu;  // the routines run on the timer thread, the test reads
+    Clock::time_point slowReturned;
+    std::vector<std::pair<int, Clock::time_point>> fired;  // later[i]: i, every: 3
+    std::atomic<bool> stopEvery{false};
+    std::atomic<bool> slowDone{false};
+
+    void Note(int which) {
+        std::lock_guard<std::mutex> lock(mu);
+        fired.emplace_back(which, Clock::now());
+    }
+    static void Slow(HANDLE, PVOID p) {
+        auto* c = static_cast<SlowTick*>(p);
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_EQ(c->k->lpVtbl->KsoScheduleTimer(c->k, c->later[i], 30000u * (i + 1)), 0u);
+        }
+        EXPECT_EQ(c->k->lpVtbl->KsoScheduleTimer(c->k, c->every, 0), 0u);
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        std::lock_guard<std::mutex> lock(c->mu);
+        c->slowReturned = Clock::now();
+        c->slowDone = true;
+    }
+    static void Later(HANDLE h, PVOID p) {
+        auto* c = static_cast<SlowTick*>(p);
+        for (int i = 0; i < 3; ++i) {
+            if (c->later[i] == h) c->Note(i);
+        }
+    }
+    static void Every(HANDLE h, PVOID p) {
+        auto* c = static_cast<SlowTick*>(p);
+        c->Note(3);
+        if (!c->stopEvery) {
+            EXPECT_EQ(c->k->lpVtbl->KsoScheduleTimer(c->k, h, 0), 0u);
+        }
+    }
+};
+
+TEST_F(Timers, OnlySleepAdvancesTimersSoALongRoutineDelaysWithoutABurst) {
+    using std::chrono::milliseconds;
+    SlowTick c;
+    c.k = k;
+    HANDLE slow = nullptr;
+    ASSERT_EQ(v->KsoAllocTimer(k, SlowTick::Slow, &c, FALSE, &slow), 0u);
+    for (HANDLE& h : c.later) ASSERT_EQ(v->KsoAllocTimer(k, SlowTick::Later, &c, FALSE, &h), 0u);
+    ASSERT_EQ(v->KsoAllocTimer(k, SlowTick::Every, &c, FALSE, &c.every), 0u);
+    ASSERT_EQ(v->KsoScheduleTimer(k, slow, 0), 0u);
+    ASSERT_TRUE(WaitFor([&] {
+        std::lock_guard<std::mutex> lock(c.mu);
+        return std::count_if(c.fired.begin(), c.fired.end(),
+                             [](const auto& f) { return f.first == 2; }) != 0;
+    }));
+    // Let further ticks pass: a later timer firing twice would show here.
+    std::this_thread::sleep_for(milliseconds(100));
+    c.stopEvery = true;
+    ASSERT_TRUE(WaitFor([&] {
+        return __atomic_load_n(&Rec(c.every)->timerState, __ATOMIC_ACQUIRE) != kTimerStatePending &&
+               __atomic_load_n(&g_KsplCurrentlyExecutingTimerPtr, __ATOMIC_ACQUIRE) != c.every;
+    }));
+
+    std::lock_guard<std::mutex> lock(c.mu);
+    ASSERT_TRUE(c.slowDone);
+    std::vector<std::pair<int, double>> after;  // ms after the slow routine returned
+    for (const auto& f : c.fired) {
+        after.emplace_back(f.first, std::chrono::duration<double, std::milli>(
+                                        f.second - c.slowReturned).count());
+    }
+    int next = 0;
+    int everyEarly = 0;  // re-arming runs in the first 100 ms
+    for (const auto& [which, ms] : after) {
+        EXPECT_GE(ms, 0.0) << "fired while the slow routine ran: " << which;
+        if (which == 3) {
+            everyEarly += ms < 100.0 ? 1 : 0;
+            continue;
+        }
+        EXPECT_EQ(which, next++) << "once each, in order";
+        // Due 3(i+1) ticks after the merge. Ticks counted before the
+        // routine ran are serviced right after it (one, or two when that
+        // sleep overshot on a loaded machine); every other tick needs a sleep.
+        EXPECT_GE(ms, 10.0 * (3 * (which + 1) - 2) - 1.0) << which;
+    }
+    EXPECT_EQ(next, 3);
+    // At most one run per 10 ms slept, plus ticks counted before the routine.
+    EXPECT_LE(everyEarly, 13);
+    for (HANDLE h : c.later) EXPECT_EQ(v->KsoDestroyTimer(k, h), 0u);
+    EXPECT_EQ(v->KsoDestroyTimer(k, c.every), 0u);
+    EXPECT_EQ(v->KsoDestroyTimer(k, slow), 0u);
 }
 
 // Timers cancelled and rescheduled while the timer thread fires them:

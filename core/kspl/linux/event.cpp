@@ -49,6 +49,7 @@ inline void StoreState(KSO_EVENT_HANDLE* e, UINT32 value) {
 // mutex: exactly one of the two takes a given signal.
 // REQUIRES: e->mutex is held.
 inline bool TakeIfSet(KSO_EVENT_HANDLE* e) {
+    KS_DCHECK(KsplMutexLocked(&e->mutex));
     // Only signals set the state, under the mutex: a clear state stays clear.
     if (LoadState(e) == 0) return false;
     if (e->type == KsoNotificationEvent) return true;
@@ -75,6 +76,7 @@ void InitEventRecord(KSO_EVENT_HANDLE* e, UINT32 type) {
 // synchronization event gave out; hand it to another sleeper.
 void SingleWaitCancelled(void* arg) {
     auto* e = static_cast<KSO_EVENT_HANDLE*>(arg);
+    KS_DCHECK(e->singleWaiters != 0);
     --e->singleWaiters;
     if (LoadState(e) != 0 && e->singleWaiters != 0) pthread_cond_signal(&e->condition);
     pthread_mutex_unlock(&e->mutex);
@@ -104,6 +106,7 @@ inline MY_EVENT_LIST_ENTRY* FromSingle(PLIST_ENTRY link) {
 // REQUIRES: e->mutex is held (no signal can fall between the caller's test
 // of the state and the registration).
 bool Register(MultiWait* w, KSO_EVENT_HANDLE* e) {
+    KS_DCHECK(KsplMutexLocked(&e->mutex));
     auto* r = static_cast<MY_EVENT_LIST_ENTRY*>(
         KsoAllocPagedMemory(w->instance, sizeof(MY_EVENT_LIST_ENTRY)));
     if (r == nullptr) return false;
@@ -119,6 +122,7 @@ bool Register(MultiWait* w, KSO_EVENT_HANDLE* e) {
 void Unregister(MultiWait* w, MY_EVENT_LIST_ENTRY* r, bool eventLocked) {
     KSO_EVENT_HANDLE* e = r->pSingleEvent;
     if (!eventLocked) pthread_mutex_lock(&e->mutex);
+    KS_DCHECK(KsplMutexLocked(&e->mutex));
     KsListRemove(&r->SingleEntry);
     if (!eventLocked) pthread_mutex_unlock(&e->mutex);
     KsListRemove(&r->MasterEntry);
@@ -154,6 +158,11 @@ UINT32 PositionOf(HANDLE* handles, UINT32 count, KSO_EVENT_HANDLE* e) {
 }
 
 enum class Sleep { kWoken, kTimedOut, kFailed };
+
+// What a single wait returns when the sleep fails for a reason other than
+// its deadline: the bare value 1, neither built nor logged, and not an
+// error status (its severity bits are clear).
+constexpr KSSTATUS kSingleWaitFailed = 1;
 
 // The sleep itself, the only place where a multiple wait can be cancelled.
 // REQUIRES: w->priv.mutex held; cancellation disabled by the caller, whose
@@ -221,7 +230,7 @@ KSSTATUS KsoDestroyEvent(IKspl* pThis, HANDLE Handle) {
     pthread_mutex_unlock(&e->mutex);
     if (inUse || pthread_mutex_destroy(&e->mutex) != 0) return KSPL_STATUS(KSPL_CODE_BUSY);
     pthread_cond_destroy(&e->condition);
-    KsAtomicSub(&KsplInfo(pThis)->EventInUse, 1u);
+    KsplCountDown(&KsplInfo(pThis)->EventInUse);
     KsoZeroMemory(pThis, e, sizeof(*e));
     KsplSysFree(e);
     return 0;
@@ -246,10 +255,12 @@ KSSTATUS KsoSignalEvent(IKspl* /*pThis*/, HANDLE Handle, PBOOLEAN pPrevState) {
                 pthread_cond_signal(&e->condition);
             }
         }
+        // A registration is linked here only while its pointers are set:
+        // they are cleared after it is unlinked, under this mutex.
         for (PLIST_ENTRY link = e->multiWaitList.Flink; link != &e->multiWaitList;
              link = link->Flink) {
             KSO_EVENT_HANDLE* master = FromSingle(link)->pMasterEvent;
-            if (master == nullptr) continue;
+            KS_DCHECK(master != nullptr && FromSingle(link)->pSingleEvent == e);
             pthread_mutex_lock(&master->mutex);
             if (LoadState(master) == 0) {
                 StoreState(master, 1);
@@ -309,10 +320,11 @@ KSSTATUS KsoWaitForSingleEvent(IKspl* /*pThis*/, HANDLE Handle, INT64 Timeout) {
             break;
         }
         if (rc != 0 && rc != EINTR) {
-            result = 1;
+            result = kSingleWaitFailed;
             break;
         }
     }
+    KS_DCHECK(e->singleWaiters != 0);
     --e->singleWaiters;
     pthread_mutex_unlock(&e->mutex);
     pthread_cleanup_pop(0);
@@ -391,13 +403,18 @@ KSSTATUS KsoWaitForMultipleEvents(IKspl* pThis, UINT32 Count, HANDLE* Handles, B
 
     bool timedOut = false;
     if (failure == 0 && !satisfied && Timeout != 0) {
+        // Wait-any sleeps until one deadline for the whole call, going back
+        // to sleep after a wake-up that found nothing. Wait-all gives every
+        // cycle the full timeout from that cycle's start: a wait-all times
+        // out only when no further event came within one timeout of the last.
         struct timespec deadline;
         const struct timespec* limit = nullptr;
         if (Timeout != -1) {
             KsplDeadline(Timeout, &deadline);
             limit = &deadline;
         }
-        for (;;) {
+        for (bool firstCycle = true;; firstCycle = false) {
+            if (bWaitAll && limit != nullptr && !firstCycle) KsplDeadline(Timeout, &deadline);
             Sleep slept = SleepOnPrivate(&w, limit, cancelState);
             // Pass over the registrations in array order: every event found
             // set is consumed and its registration dropped, in both modes.

@@ -1,6 +1,7 @@
 // sync_int.h - mutexes, spin locks, read-write locks, atomic counters and
 // events: their records and the timing helpers shared with the threads.
 #pragma once
+#include <cerrno>
 #include <ctime>
 
 #include "../kspl_internal.h"
@@ -9,6 +10,9 @@
 struct KSO_MUTEX_HANDLE {
     KsoHandleHeader Header;  // 'MUTX'; links unused
     pthread_mutex_t mutex;   // PTHREAD_MUTEX_RECURSIVE_NP
+    // The holding thread, 0 when free (atomic). Written only by the holder,
+    // so a thread that reads its own id holds the mutex.
+    pthread_t owner;
 };
 
 // Non-recursive blocking lock; no busy-waiting despite the name.
@@ -48,6 +52,23 @@ struct MY_EVENT_LIST_ENTRY {
     KSO_EVENT_HANDLE* pMasterEvent;
     KSO_EVENT_HANDLE* pSingleEvent;
 };
+
+// Takes one off an instance's resource counter; a counter that would drop
+// below zero means a record was destroyed twice or never counted.
+inline void KsplCountDown(UINT32* counter) {
+    UINT32 before = __atomic_fetch_sub(counter, 1u, __ATOMIC_SEQ_CST);
+    KS_DCHECK(before != 0);
+    static_cast<void>(before);
+}
+
+// Whether `m` (a default-kind mutex) is locked. A locked default mutex
+// refuses a try from every thread, its holder included; used only in
+// invariant checks of functions that require the caller to hold it.
+inline bool KsplMutexLocked(pthread_mutex_t* m) {
+    int rc = pthread_mutex_trylock(m);
+    if (rc == 0) pthread_mutex_unlock(m);
+    return rc == EBUSY;
+}
 
 // Initialises a condition variable whose timed waits run on the monotonic
 // clock, so a wall-clock step neither stretches nor cuts a timeout.

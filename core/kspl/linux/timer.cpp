@@ -19,6 +19,7 @@
 #include "dbg_int.h"
 #include "schedule_int.h"
 #include "stdio_int.h"
+#include "sync_int.h"
 
 KSPL_SOURCE_UNIT("schedule");
 
@@ -37,11 +38,40 @@ namespace {
 KSO_TIMER_HANDLE* g_timerQueTail = nullptr;
 UINT64 g_timerQueTotal = 0;
 
-// At most this many ticks are serviced after one wake-up of the timer
-// thread. A longer gap (the process was stopped, or routines ran for more
-// than a second) is dropped, so that timers which reschedule themselves do
-// not fire in a burst of thousands.
+// At most this many ticks are serviced after one sleep of the timer thread.
+// A sleep that long means the process was stopped (or the machine
+// suspended); the rest of the gap is dropped, so that timers which
+// reschedule themselves do not fire in a burst of thousands.
 constexpr INT64 kMaxCatchUpTicks = 100;
+
+// The guard of g_KsplTimerQueueMutex. release() gives the lock up before
+// the guard's end, relock() takes it back (the timer thread runs routines
+// without the lock); the destructor unlocks only a lock still held.
+class TimerQueueGuard {
+public:
+    TimerQueueGuard() { pthread_mutex_lock(&g_KsplTimerQueueMutex); }
+    ~TimerQueueGuard() {
+        if (held_) pthread_mutex_unlock(&g_KsplTimerQueueMutex);
+    }
+    TimerQueueGuard(const TimerQueueGuard&) = delete;
+    TimerQueueGuard& operator=(const TimerQueueGuard&) = delete;
+
+    void release() {
+        KS_DCHECK(held_);
+        held_ = false;
+        pthread_mutex_unlock(&g_KsplTimerQueueMutex);
+    }
+    void relock() {
+        KS_DCHECK(!held_);
+        pthread_mutex_lock(&g_KsplTimerQueueMutex);
+        held_ = true;
+    }
+
+private:
+    bool held_ = true;
+};
+
+inline bool QueueLocked() { return KsplMutexLocked(&g_KsplTimerQueueMutex); }
 
 inline UINT32 StateOf(const KSO_TIMER_HANDLE* t) {
     return __atomic_load_n(&t->timerState, __ATOMIC_ACQUIRE);
@@ -62,6 +92,8 @@ inline UINT32 CurrentTimers() { return __atomic_load_n(&g_KsplCurrentTimers, __A
 // the place: every timer up to `prev` is due at or before `due`, the one
 // after it strictly later. REQUIRES: g_KsplTimerQueueMutex is held.
 void LinkIntoMain(KSO_TIMER_HANDLE* t, UINT64 due, KSO_TIMER_HANDLE* prev, UINT64 prevDue) {
+    KS_DCHECK(QueueLocked());
+    KS_DCHECK(due >= prevDue);
     KSO_TIMER_HANDLE* next = prev != nullptr ? prev->pNextTimerStruct : g_KsplTimerQueHeadPtr;
     t->delta = static_cast<UINT32>(due - prevDue);
     t->pPrevTimerStruct = prev;
@@ -74,6 +106,7 @@ void LinkIntoMain(KSO_TIMER_HANDLE* t, UINT64 due, KSO_TIMER_HANDLE* prev, UINT6
     }
     if (next != nullptr) {
         next->pPrevTimerStruct = t;
+        KS_DCHECK(next->delta >= t->delta);
         next->delta -= t->delta;  // its due time stays where it was
     } else {
         g_timerQueTail = t;
@@ -151,6 +184,7 @@ KSO_TIMER_HANDLE* SortByDelay(KSO_TIMER_HANDLE* list) {
 // Queue operations. REQUIRES: g_KsplTimerQueueMutex is held.
 
 void KsplAddToTimerFeederQue(KSO_TIMER_HANDLE* pTimer) {
+    KS_DCHECK(QueueLocked());
     pTimer->pPrevTimerStruct = nullptr;
     pTimer->pNextTimerStruct = g_KsplTimerFeededQueHeadPtr;
     pTimer->delta = 0;
@@ -165,6 +199,7 @@ void KsplAddToTimerQue(KSO_TIMER_HANDLE* pTimer) {
 }
 
 void KsplMergeTimerFeederQue() {
+    KS_DCHECK(QueueLocked());
     // Taking the feeder list newest first and inserting each timer after
     // every queued timer due no later gives: among the timers of one merge
     // with equal due times the newest first, and all of them after queued
@@ -184,6 +219,8 @@ void KsplMergeTimerFeederQue() {
 }
 
 void KsplRemoveFromTimerQue(KSO_TIMER_HANDLE* pTimer) {
+    KS_DCHECK(QueueLocked());
+    KS_DCHECK(pTimer->list != kTimerListNone);
     KSO_TIMER_HANDLE* prev = pTimer->pPrevTimerStruct;
     KSO_TIMER_HANDLE* next = pTimer->pNextTimerStruct;
     const bool inMain = pTimer->list == kTimerListMain;
@@ -198,12 +235,15 @@ void KsplRemoveFromTimerQue(KSO_TIMER_HANDLE* pTimer) {
         next->pPrevTimerStruct = prev;
         next->delta += pTimer->delta;  // the successors' due times stay put
     } else if (inMain) {
+        KS_DCHECK(g_timerQueTotal >= pTimer->delta);
         g_timerQueTail = prev;
         g_timerQueTotal -= pTimer->delta;
     }
     pTimer->pNextTimerStruct = pTimer->pPrevTimerStruct = nullptr;
     pTimer->list = kTimerListNone;
-    __atomic_sub_fetch(&g_KsplCurrentTimers, 1u, __ATOMIC_RELEASE);
+    UINT32 before = __atomic_fetch_sub(&g_KsplCurrentTimers, 1u, __ATOMIC_RELEASE);
+    KS_DCHECK(before != 0);
+    static_cast<void>(before);
 }
 
 // ---------------------------------------------------------------------------
@@ -211,20 +251,15 @@ void KsplRemoveFromTimerQue(KSO_TIMER_HANDLE* pTimer) {
 
 void KsplServiceTimerQueues() {
     if (CurrentTimers() == 0) return;
-    pthread_mutex_lock(&g_KsplTimerQueueMutex);
+    TimerQueueGuard lock;
     if (g_KsplTimerFeededQueHeadPtr != nullptr) KsplMergeTimerFeederQue();
     KSO_TIMER_HANDLE* head = g_KsplTimerQueHeadPtr;
-    if (head == nullptr) {
-        pthread_mutex_unlock(&g_KsplTimerQueueMutex);
-        return;
-    }
+    if (head == nullptr) return;
     if (head->delta != 0) {
+        KS_DCHECK(g_timerQueTotal != 0);
         --head->delta;
         --g_timerQueTotal;
-        if (head->delta != 0) {
-            pthread_mutex_unlock(&g_KsplTimerQueueMutex);
-            return;
-        }
+        if (head->delta != 0) return;
     }
     for (;;) {
         // Fire the head; every timer behind it with delta 0 is due in this
@@ -235,17 +270,14 @@ void KsplServiceTimerQueues() {
         PKSO_TIMER_ROUTINE routine = t->pCallerTimerRoutine;
         PVOID context = t->pCallerContext;
         SetExecuting(t);
-        pthread_mutex_unlock(&g_KsplTimerQueueMutex);
+        lock.release();
         if (routine != nullptr) routine(t, context);  // may reschedule or destroy t
         SetExecuting(nullptr);
 
         if (CurrentTimers() == 0) return;
-        pthread_mutex_lock(&g_KsplTimerQueueMutex);
+        lock.relock();
         head = g_KsplTimerQueHeadPtr;
-        if (head == nullptr || head->delta != 0) {
-            pthread_mutex_unlock(&g_KsplTimerQueueMutex);
-            return;
-        }
+        if (head == nullptr || head->delta != 0) return;
     }
 }
 
@@ -257,33 +289,37 @@ INT64 MonotonicNs() {
     return static_cast<INT64>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
 }
 
+// Sleeps until `untilNs` on the monotonic clock, through interruptions.
+void SleepUntil(INT64 untilNs) {
+    struct timespec until;
+    until.tv_sec = static_cast<time_t>(untilNs / 1000000000);
+    until.tv_nsec = static_cast<long>(untilNs % 1000000000);
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {
+    }
+}
+
 }  // namespace
 
-// Ticks fall on a fixed grid of the monotonic clock: after each wake-up the
-// thread services one tick per grid line passed since the previous one, so
-// oversleeping does not drift the timers and a step of the system clock does
-// not matter. A gap of more than kMaxCatchUpTicks is dropped.
+// Each round services the ticks that the previous sleep counted, then
+// sleeps one tick. Only the time spent sleeping is counted: while routines
+// run, time does not advance for the timers, so a long routine delays every
+// later timer by its own length instead of leaving a backlog of ticks to be
+// serviced back to back (which would fire due timers in a burst and a timer
+// that re-arms itself once per missed tick). The sleep is measured on the
+// monotonic clock, so a step of the system clock neither adds nor loses
+// ticks; whole ticks only, as a sleep overshoots by a fraction of one.
 void* KsplTimerThread(void* /*pUnused*/) {
     pthread_detach(pthread_self());
-    UINT64 tickUs = __atomic_load_n(&g_KsplTimerTickValue, __ATOMIC_RELAXED);
-    const INT64 tickNs = static_cast<INT64>(tickUs != 0 ? tickUs : 1) * 1000;
-    INT64 nextTick = MonotonicNs() + tickNs;
     INT64 ticksToService = 0;
     while (!__atomic_load_n(&g_KsplTimerThreadExit, __ATOMIC_ACQUIRE)) {
         for (INT64 i = 0; i < ticksToService; ++i) KsplServiceTimerQueues();
 
-        struct timespec until;
-        until.tv_sec = static_cast<time_t>(nextTick / 1000000000);
-        until.tv_nsec = static_cast<long>(nextTick % 1000000000);
-        while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {
-        }
-        INT64 now = MonotonicNs();
-        if (now < nextTick) {
-            ticksToService = 0;
-            continue;
-        }
-        ticksToService = 1 + (now - nextTick) / tickNs;
-        nextTick += ticksToService * tickNs;
+        const UINT64 tickUs = __atomic_load_n(&g_KsplTimerTickValue, __ATOMIC_RELAXED);
+        const INT64 tickNs = static_cast<INT64>(tickUs != 0 ? tickUs : 1) * 1000;
+        const INT64 start = MonotonicNs();
+        SleepUntil(start + tickNs);
+        const INT64 slept = MonotonicNs() - start;
+        ticksToService = slept / tickNs;
         if (ticksToService > kMaxCatchUpTicks) ticksToService = kMaxCatchUpTicks;
     }
     KsAtomicAdd(&g_KsplNumTimerThreads, -1);
@@ -303,6 +339,8 @@ void KsplStartTimerThread() {
 
 void KsplStopTimerThread() { __atomic_store_n(&g_KsplTimerThreadExit, 1, __ATOMIC_RELEASE); }
 
+// The fork handlers hold the lock from prepare to parent or child, across
+// calls, which no scoped guard can express.
 void KsplTimerForkPrepare() { pthread_mutex_lock(&g_KsplTimerQueueMutex); }
 void KsplTimerForkParent() { pthread_mutex_unlock(&g_KsplTimerQueueMutex); }
 
@@ -368,7 +406,7 @@ KSSTATUS KsoScheduleTimer(IKspl* pThis, HANDLE hTimer, UINT64 Timeout) {
     if (ticks > 0xFFFFFFFFu) ticks = 0xFFFFFFFFu;  // clamped, never wrapped
     if (ticks == 0) ticks = 1;
     {
-        KsMutexGuard guard(&g_KsplTimerQueueMutex);
+        TimerQueueGuard lock;
         if (StateOf(t) != kTimerStatePending) {
             SetState(t, kTimerStatePending);
             t->timeOutValue = static_cast<UINT32>(ticks);
@@ -385,7 +423,7 @@ BOOLEAN KsoCancelTimer(IKspl* pThis, HANDLE hTimer) {
     if (!KsplValidInstance(pThis) || !KsplHandleIs(hTimer, kSigTimer)) return FALSE;
     auto* t = static_cast<KSO_TIMER_HANDLE*>(hTimer);
     if (Executing() == t) return FALSE;
-    KsMutexGuard guard(&g_KsplTimerQueueMutex);
+    TimerQueueGuard lock;
     if (StateOf(t) != kTimerStatePending) return FALSE;
     KsplRemoveFromTimerQue(t);
     SetState(t, kTimerStateCancelled);
@@ -403,7 +441,7 @@ KSSTATUS KsoDestroyTimer(IKspl* pThis, HANDLE hTimer) {
     }
     IKspl* owner = KsplRecordOwner(t);
     if (owner == nullptr) return KsoFreeMemory(pThis, t);  // refused: not a tracked block
-    KsAtomicSub(&KsplInfo(owner)->TimerInUse, 1u);
+    KsplCountDown(&KsplInfo(owner)->TimerInUse);
     KsoZeroMemory(owner, t, sizeof(*t));
     return KsoFreeMemory(owner, t);
 }
