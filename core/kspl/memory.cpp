@@ -29,7 +29,6 @@
 #include <cstring>
 
 #include "linklist_int.h"
-#include "memory_int.h"
 #include "sysalloc_int.h"
 
 #if defined(__SANITIZE_ADDRESS__)
