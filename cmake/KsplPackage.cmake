@@ -88,6 +88,10 @@ set(CPACK_DEBIAN_DEV_PACKAGE_NAME kspl-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_TOOL_PACKAGE_NAME kspl-zlreg)
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION admin)
+# zlreg needs libzlreg.so.1 of the runtime package, which dpkg-shlibdeps
+# cannot see while packing; the runtime package brings the system libraries
+# (libc6, libstdc++6, libsqlite3-0) that zlreg needs too.
+set(CPACK_DEBIAN_TOOL_PACKAGE_SHLIBDEPS OFF)
 include(CPack)
 cpack_add_component(runtime DISPLAY_NAME "kspl runtime"
   DESCRIPTION "kspl.so, the component runtime liborlm and the configuration store libzlreg")
