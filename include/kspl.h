@@ -2,13 +2,33 @@
  * kspl.h - the public interface of kspl.so, the platform-services library of
  * the component family.
  *
- * A component obtains the IKspl interface from the component runtime:
+ * A component or host compiles against these headers and links the component
+ * runtime only (pkg-config kspl, or kspl::kspl of find_package(kspl));
+ * kspl.so itself is loaded by the runtime (OrlmLoadComponent, or the
+ * ORLM_COMPONENTS variable) and never linked, which is why the identifiers
+ * are taken from kspl_guids.h as initialisers.
  *
- *     IKspl* k = NULL;
- *     OrlmCreateInstance(&CLSID_ZorvikKspl, NULL, &IID_IZorvikKspl_1, (void**)&k);
- *     void* p = k->lpVtbl->KsoAllocPagedMemory(k, 64);
- *     k->lpVtbl->KsoFreeMemory(k, p);
- *     k->lpVtbl->Release(k);
+ * Example (a complete C file; the host has loaded kspl.so before):
+ *
+ *     #include "kspl.h"
+ *
+ *     static const GUID clsid = KSPL_GUID_CLSID_ZorvikKspl;
+ *     static const GUID iid = KSPL_GUID_IID_IZorvikKspl_1;
+ *
+ *     int use_kspl(void) {
+ *         IKspl* k = NULL;
+ *         void* p;
+ *         if (OrlmCreateInstance(&clsid, NULL, &iid, (void**)&k) != 0) return -1;
+ *         k->lpVtbl->KsoRegisterModuleName(k, "my-component");
+ *         p = k->lpVtbl->KsoAllocPagedMemory(k, 64);
+ *         if (p == NULL) {
+ *             k->lpVtbl->Release(k);
+ *             return -1;
+ *         }
+ *         k->lpVtbl->KsoFreeMemory(k, p);
+ *         k->lpVtbl->Release(k);
+ *         return 0;
+ *     }
  *
  * Conventions:
  *  - Every operation takes the interface pointer first and returns a

@@ -6,6 +6,16 @@
  * instance; memory blocks must be released through the instance that
  * allocated them. Records written into callers' buffers are laid out exactly
  * as declared here on both the 32-bit and the 64-bit target.
+ *
+ * Units: wait timeouts (KsoWaitForSingleEvent, KsoWaitForMultipleEvents,
+ * KsoWaitForThreadExit) are INT64 microseconds, relative, -1 for no limit
+ * and 0 to test without waiting; KsoSleep and KsoScheduleTimer take UINT64
+ * microseconds (timers tick every 10 ms); KsoGetSystemTime gives
+ * 100-nanosecond intervals since 1 January 1601 UTC. Lengths of counted
+ * strings and of conversion buffers of narrow text are bytes, of 16-bit
+ * text units. Failures are KSPL_FACILITY statuses (kspl_status.h);
+ * docs/reference.md gives each slot's behaviour, nullable pointers and
+ * statuses, in slot order within each service family.
  */
 #ifndef KSPL_IKSPL_H
 #define KSPL_IKSPL_H

@@ -6,6 +6,14 @@
  * user area and 32-bit handles (bits 0-15 block id, 16-23 generation, 24-31
  * slot index + 1) carried in a HANDLE. Access types: 0 no lock,
  * 1 exclusive, 2 shared. Opened mode: 1 created, 2 opened an existing one.
+ *
+ * Ownership: every object handed out by create, open, find, enumerate or
+ * reference carries a reference (and the lock of its access type) that the
+ * caller gives back with DereferenceObject (or DeleteObject). pInitRoutine,
+ * pCompareRoutine and pOpenedMode may be null, ppUserData may not. Failures
+ * are KSPL_OM_FACILITY statuses; the end of an enumeration, a failed find and
+ * a stale handle are the constants of kspl_status.h. docs/reference.md
+ * describes every slot of IOM, IOM_2, ISCOM and ISCOM_2 with its statuses.
  */
 #ifndef KSPL_OM_H
 #define KSPL_OM_H

@@ -21,7 +21,11 @@ SUDO=""
 if [ "$(id -u)" != 0 ]; then SUDO="sudo"; fi
 export DEBIAN_FRONTEND=noninteractive
 
-pkgs="cmake ninja-build g++ gcc make pkg-config googletest libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev sqlite3 binutils"
+# What the README's commands use: the build, the test suites, scripts/valgrind.sh
+# (valgrind), the store's tool and its tests (sqlite3), the install test
+# (pkg-config, readelf of binutils) and the Debian packages (cpack runs file
+# and dpkg-shlibdeps of dpkg-dev; dpkg-deb inspects them).
+pkgs="cmake ninja-build g++ gcc make pkg-config googletest libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev sqlite3 binutils valgrind dpkg-dev file"
 [ "$want_i386" = 1 ] && pkgs="$pkgs g++-multilib qemu-user"
 [ "$want_bench" = 1 ] && pkgs="$pkgs libglib2.0-dev libapr1-dev"
 [ "$want_fuzz" = 1 ] && pkgs="$pkgs clang libclang-rt-14-dev"

@@ -9,6 +9,7 @@
  * Ownership: an interface pointer returned through an out-parameter carries
  * one reference that the caller gives back with Release. Out-pointers are set
  * to null first and filled only on success. Every function is thread-safe.
+ * Statuses per function: docs/reference.md ("The component runtime").
  */
 #ifndef ORLM_H
 #define ORLM_H

@@ -49,6 +49,9 @@
  * follow it), whatever the umask. A path that is a directory, or a symbolic
  * link owned by another user, is refused with ZLREG_E_STORE_UNSAFE and a log
  * line.
+ *
+ * Programs link it with `pkg-config --libs zlreg` or kspl::zlreg of
+ * find_package(kspl); docs/reference.md lists each function's statuses.
  */
 #ifndef ZLREG_H
 #define ZLREG_H
