@@ -177,6 +177,7 @@ Err EnterKey(HANDLE h, bool forWrite, KeyRef* key, Conn** c);
 // Steps enumeration statement `id` to row `index` below `key`. `*s` is set
 // whenever the statement was obtained, for the caller's StmtScope, also on
 // failure; past the last row the key's absence tells deleted from done.
+// In enum_cursor.cpp, with the per-thread cursors that keep its place.
 Err StepEnum(Conn& c, Stmt id, int64_t key, UINT32 index, sqlite3_stmt** s);
 
 }  // namespace zlreg
